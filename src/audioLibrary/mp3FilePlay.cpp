@@ -1,0 +1,1 @@
+// mp3FilePlay

@@ -1,0 +1,1 @@
+# unit tests of the graph library
