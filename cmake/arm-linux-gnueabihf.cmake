@@ -1,0 +1,21 @@
+# 32-bit ARM, as on the controller; unit tests run under qemu-user. The libraries of the
+# target come from a sysroot that scripts/arm-sysroot.sh unpacks (AUDIOPLAYER_ARM_SYSROOT).
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(sysroot "$ENV{AUDIOPLAYER_ARM_SYSROOT}")
+if(NOT sysroot)
+  set(sysroot "${CMAKE_CURRENT_LIST_DIR}/../build/arm-sysroot")
+endif()
+set(ENV{PKG_CONFIG_LIBDIR} "${sysroot}/usr/lib/arm-linux-gnueabihf/pkgconfig")
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${sysroot}")
+set(CMAKE_FIND_ROOT_PATH "${sysroot}" /usr/arm-linux-gnueabihf)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a -mfpu=neon")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-L${sysroot}/usr/lib/arm-linux-gnueabihf -Wl,-rpath-link,${sysroot}/usr/lib/arm-linux-gnueabihf")
+set(CMAKE_CROSSCOMPILING_EMULATOR
+    qemu-arm-static -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH=${sysroot}/usr/lib/arm-linux-gnueabihf)
