@@ -15,7 +15,7 @@ void CAsPlayedLog::addEntry(asPlayedLogEntry* entry)
 int CAsPlayedLog::writeToDb()
 {
     clearAllEntries();
-    return SQLITE_DONE;
+    return SQLITE_OK; // not SQLITE_DONE: no row was written
 }
 
 void CAsPlayedLog::clearAllEntries()

@@ -76,7 +76,7 @@ public:
     /** Takes ownership of `entry` and holds it until writeToDb or clearAllEntries. */
     void addEntry(asPlayedLogEntry* entry);
 
-    /** Frees the entries held. Answers SQLITE_DONE. */
+    /** Frees the entries held. Answers SQLITE_OK: no row was written. */
     int writeToDb();
 
     /** Frees the entries held without writing them. */
