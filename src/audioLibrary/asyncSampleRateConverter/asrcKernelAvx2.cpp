@@ -1,0 +1,5 @@
+#include "audioLibrary/asyncSampleRateConverter/asrcKernels.h"
+const asrcKernel* asrcKernelAvx2()
+{
+    return nullptr;
+}

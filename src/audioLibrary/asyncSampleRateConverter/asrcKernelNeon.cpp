@@ -1,0 +1,5 @@
+#include "audioLibrary/asyncSampleRateConverter/asrcKernels.h"
+const asrcKernel* asrcKernelNeon()
+{
+    return nullptr;
+}
