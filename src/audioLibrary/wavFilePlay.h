@@ -103,15 +103,17 @@ protected:
     bool rewindAtEndOfFile = false; ///< loop at the end of the file
 
 private:
-    CWavFilePlayUSP* port() const;
     void forgetFile();
     streamStatus refuse(streamStatus status);
+    bool readRecord(unsigned char* bytes, uint32_t numBytes);
     bool readHeader(wavHeader& header);
-    bool readChunkHeader(wavChunk& chunk);
-    uint32_t takeBroadcastExtension(const wavChunk& chunk);
     bool findData(wavChunk& chunk);
+    uint32_t readBroadcastExtension(const wavChunk& chunk);
     void configurePort(const wavHeader& header);
-    bool portAgreesWith(const wavHeader& header);
+    bool portAgreesWith(const wavHeader& header) const;
+    void readPeriod();
+    void endOfFile();
+    void silenceFrom(uint32_t firstByte);
     uint32_t dataFrames() const;
 };
 
