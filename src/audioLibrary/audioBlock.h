@@ -53,10 +53,10 @@ public:
     CDownstreamPort* getDownstreamPort(unsigned int index); ///< null when out of range
     CUpstreamPort* getNextUpstreamPort();                   ///< the first unconnected output, or null
 
-    static streamStatus initAllBlocks();                   ///< init() on each, results ignored; always STREAM_OK
-    static void deleteAllBlocks();                         ///< the first ALSA_SOURCE, then the rest from the front
-    static std::string printAllBlocks();                   ///< "(%2d) " and the status of each
-    static CAudioBlock* returnAudioBlock(unsigned int n);  ///< the n-th from 0, or null
+    static streamStatus initAllBlocks();                  ///< init() on each, results ignored; always STREAM_OK
+    static void deleteAllBlocks();                        ///< the first ALSA_SOURCE, then the rest from the front
+    static std::string printAllBlocks();                  ///< "(%2d) " and the status of each
+    static CAudioBlock* returnAudioBlock(unsigned int n); ///< the n-th from 0, or null
 
 protected:
     std::vector<CUpstreamPort*> upstream;     ///< outputs, owned

@@ -5,6 +5,7 @@
  * stopped and muted as a unit. A block may stand in several chains; a chain owns its elements, not their blocks.
  *
  * Threads: only the one that owns the player; no lock.
+ * Nothing derives from a chain, so that its destructor need not be virtual.
  */
 
 #include "audioLibrary/audioBlock.h"
@@ -30,7 +31,7 @@ protected:
     CDownstreamPort* downstream = nullptr; ///< fed by the previous position; the same
 };
 
-class CAudioChain
+class CAudioChain final
 {
 public:
     playbackState chainPlaybackState = AUDIO_STOPPED; ///< the last commanded state

@@ -81,6 +81,14 @@ public:
 
 protected:
     void resetPortParams(); ///< params becomes resetParams, the state AUDIO_STOPPED
+    /**
+     * One pass of a connect: offers checkParams to `peer`, lets it apply them if its check accepts, and tells the
+     * outcome at trace level 1 under the name `operation`.
+     *
+     * @return the status of the check, or of the apply where the check was good
+     */
+    streamStatus offerParams(CAudioPort& peer, const char* operation);
+    std::string blockNameOf(const CAudioPort& port) const; ///< of the block that owns `port`; empty without one
 
     CAudioBlock* parentBlock = nullptr; ///< not owned
     int* pTraceLevel = nullptr;         ///< the library's common trace level

@@ -14,17 +14,17 @@ namespace audioLibrarySpace
 /** What every graph, port, block and chain operation answers. Anything but STREAM_OK is a failure. */
 enum streamStatus_e : int32_t {
     STREAM_OK = 0,
-    STREAM_ERROR = -1,                  ///< generic failure
-    FILE_NOT_FOUND = -2,                ///< a source file can't be opened
-    INVALID_FORMAT = -3,                ///< a source file's contents aren't acceptable
-    PORT_CFG_ERROR = -4,                ///< a port can't be configured to what a source needs
-    INVALID_SERVER = -5,                ///< internet stream: the server can't be used
-    INVALID_SHOUTCAST_PLAYLIST = -6,    ///< internet stream: the playlist can't be parsed
-    INVALID_SHOUTCAST_HEADER = -7,      ///< internet stream: the response header can't be parsed
-    NO_MEMORY = -8,                     ///< an allocation failed
-    INVALID_SHOUTCAST_PARAM = -9,       ///< internet stream: a parameter is unusable
+    STREAM_ERROR = -1,                   ///< generic failure
+    FILE_NOT_FOUND = -2,                 ///< a source file can't be opened
+    INVALID_FORMAT = -3,                 ///< a source file's contents aren't acceptable
+    PORT_CFG_ERROR = -4,                 ///< a port can't be configured to what a source needs
+    INVALID_SERVER = -5,                 ///< internet stream: the server can't be used
+    INVALID_SHOUTCAST_PLAYLIST = -6,     ///< internet stream: the playlist can't be parsed
+    INVALID_SHOUTCAST_HEADER = -7,       ///< internet stream: the response header can't be parsed
+    NO_MEMORY = -8,                      ///< an allocation failed
+    INVALID_SHOUTCAST_PARAM = -9,        ///< internet stream: a parameter is unusable
     CHAIN_ERROR_NO_PORT_AVAILABLE = -10, ///< connectChain found a block without a free port
-    LOST_CONNECTION_TO_SERVER = -11,    ///< internet stream: the connection dropped
+    LOST_CONNECTION_TO_SERVER = -11,     ///< internet stream: the connection dropped
 };
 using streamStatus = streamStatus_e;
 
@@ -116,6 +116,24 @@ struct audioPortParam_t {
     paramStatus_e periodSizeStatus = FIXED;
     uint32_t periodSize = 512; ///< frames in one period, the unit in which the graph moves audio
 };
+
+/**
+ * One field of a negotiation: an equal value stands, a differing one is adopted while the own `status` is VARIABLE and
+ * refused otherwise, with `own` kept. Floats are compared exactly. Any thread, real-time safe.
+ *
+ * @return whether `own` now equals what was offered
+ */
+template <typename Value> bool mergeParam(Value& own, paramStatus_e status, const Value& offered)
+{
+    if (own == offered) {
+        return true;
+    }
+    if (status != VARIABLE) {
+        return false;
+    }
+    own = offered;
+    return true;
+}
 
 /**
  * Bytes of one sample of `format`: 1, 2 or 4. A format outside 1 to 5 writes "invalid sample format: " and the number,

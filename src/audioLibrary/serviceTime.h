@@ -14,6 +14,15 @@ struct monotonicTime {
     int32_t tv_nsec = 0; ///< nanoseconds within the second
 };
 
+/** Reads a moment of the monotonic clock. Called from every thread; real-time safe. */
+using clockSource = monotonicTime (*)();
+
+/**
+ * Replaces the clock behind every CServiceTime::setCurrentTime(); null restores CLOCK_MONOTONIC. The daemon runs on the
+ * real clock: this is for tests, which set the time themselves instead of waiting for it.
+ */
+void setClockSource(clockSource source);
+
 /**
  * A time value on the monotonic clock, with which blocks tell their owner when they next want attention.
  *
