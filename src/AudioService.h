@@ -11,6 +11,7 @@
 
 class AudioDatabase;
 class ByteArray;
+struct sqlite3_stmt;
 
 class AudioService
 {
@@ -50,6 +51,8 @@ private:
     PlayerStatus startPlaylist(int playlistId);
     /** Installs and starts a player for row `streamRowId` of T_Streams; `id` is the audio source it was asked by. */
     void startStream(int id, int streamRowId);
+    /** Installs and starts the player that the current row of the T_Streams query asks for, if it asks for any. */
+    void startStreamOfRow(sqlite3_stmt* row);
     /** Takes over `streamPlayer` and starts it if it is ready; one that is not ready stays installed, unstarted. */
     void installStreamPlayer(AudioPlayer* streamPlayer);
 
