@@ -69,7 +69,6 @@ private:
     void playEntry(playlistWalk& walk, audioLibrarySpace::CAudioChain* chain);
     void followJump(playlistWalk& walk);
     void writeMissingItem(PlaylistItem& playlist_item);
-    audioLibrarySpace::streamStatus serviceOrReport(audioLibrarySpace::CAudioBlock* block);
     void deleteChains(); ///< all chains of the process; the pointers to them become null
     void deleteBlocks(); ///< all blocks of the process; the pointers to them become null
 
