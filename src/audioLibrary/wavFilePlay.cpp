@@ -265,7 +265,7 @@ int32_t CWavFilePlay::timeLeft()
     AUDIO_TRACE_CALL();
     const uint32_t left = dataFrames() - framesConsumed; // wraps when the reader has taken more than there was
     const float seconds = static_cast<float>(left) / upstream[0]->params.nominalSampleRate;
-    const auto milliseconds = static_cast<int32_t>(saturatingToUnsigned(static_cast<double>(seconds) * 1000.0));
+    const auto milliseconds = static_cast<int32_t>(saturatingToUnsigned(seconds * 1000.0F));
     AUDIO_TRACE_PRINTF(6, "Time to end of file: %ld\n", static_cast<long>(milliseconds));
     return milliseconds;
 }
