@@ -189,8 +189,8 @@ void CAudioPort::incPeriodCount(unsigned int nPeriods)
 
     CServiceTime now;
     now.setCurrentTime();
-    // Unsigned: the interval spans up to 4.29 s before it wraps. A long stall gives a wrong value, even a negative
-    // delta, and the fast branch pulls the average back.
+    // Unsigned: the interval spans up to 4.29 s before it wraps. After a longer stall the average jumps, and the fast
+    // branch pulls it back.
     const uint32_t nanoSeconds = static_cast<uint32_t>(now - lastCountTime);
     const float delta = 1.0F + alpha * (static_cast<float>(nanoSeconds) / -1000000000.0F);
     // One period's credit a call, however many were taken.

@@ -200,7 +200,7 @@ streamStatus CToneGenerator::allocateWorkBuffer()
     auto* port = static_cast<CToneGeneratorUSP*>(upstream.front());
     if (port->isConnected(nullptr)) {
         workBufferSize = port->getPeriodBytes();
-        workBuffer.reset(new char[workBufferSize]);
+        workBuffer = std::make_unique<char[]>(workBufferSize); // zeroed: what no write reaches is silence
     }
     port->workBufferFull = false; // the first request fills it
     return STREAM_OK;
