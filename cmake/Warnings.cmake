@@ -2,9 +2,9 @@
 add_library(playerFlags INTERFACE)
 target_compile_options(playerFlags INTERFACE
   -Wall -Wextra -Wconversion -Wshadow
-  # log lines carry the file's name from src/ down, not the builder's path
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/src/=
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  # log lines carry the file's name from src/ down, not the builder's path; the last match wins
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/src/=)
 target_compile_definitions(playerFlags INTERFACE _FILE_OFFSET_BITS=64)
 target_link_libraries(playerFlags INTERFACE Threads::Threads)
 if(AUDIOPLAYER_SANITIZE)
