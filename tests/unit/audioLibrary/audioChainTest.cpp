@@ -313,16 +313,29 @@ struct StateOperation {
 
 class AudioChainState : public AudioChain, public testing::WithParamInterface<StateOperation>
 {
+protected:
+    streamStatus run()
+    {
+        const auto operation = GetParam().run;
+        return (chain->*operation)();
+    }
+    Lines onPorts(std::initializer_list<const char*> ports)
+    {
+        Lines lines;
+        for (const char* port : ports) {
+            lines.push_back(std::string(port) + " " + GetParam().portOperation);
+        }
+        return lines;
+    }
 };
 
 TEST_P(AudioChainState, ReachesEachPortInTheDirectionOfTheAudio)
 {
     fillAndConnect();
     chain->chainPlaybackState = static_cast<playbackState>(17);
-    EXPECT_EQ((chain->*GetParam().run)(), STREAM_OK);
+    EXPECT_EQ(run(), STREAM_OK);
     EXPECT_EQ(chain->chainPlaybackState, GetParam().state);
-    const std::string operation = std::string(" ") + GetParam().portOperation;
-    EXPECT_EQ(portLog(), (Lines{"A.us0" + operation, "B.us0" + operation, "B.ds0" + operation, "C.ds0" + operation}));
+    EXPECT_EQ(portLog(), onPorts({"A.us0", "B.us0", "B.ds0", "C.ds0"}));
     EXPECT_EQ(chain->getPlaybackState(), GetParam().text);
 }
 
@@ -330,7 +343,7 @@ TEST_P(AudioChainState, AnUnconnectedChainIsNotTouched)
 {
     fill();
     chain->chainPlaybackState = static_cast<playbackState>(17);
-    EXPECT_EQ((chain->*GetParam().run)(), STREAM_ERROR);
+    EXPECT_EQ(run(), STREAM_ERROR);
     EXPECT_EQ(chain->chainPlaybackState, static_cast<playbackState>(17));
     EXPECT_EQ(portLog(), Lines{});
 }
@@ -339,7 +352,7 @@ TEST_P(AudioChainState, AFailingPortFailsTheAnswerAndNotTheWalk)
 {
     fillAndConnect();
     a->us().stateAnswer = NO_MEMORY;
-    EXPECT_EQ((chain->*GetParam().run)(), STREAM_ERROR);
+    EXPECT_EQ(run(), STREAM_ERROR);
     EXPECT_EQ(portLog().size(), 4U);
     EXPECT_EQ(chain->chainPlaybackState, GetParam().state);
 }
@@ -349,9 +362,8 @@ TEST_P(AudioChainState, APortTakenDownFromOutsideIsPassedBy)
     fillAndConnect();
     b->us().disconnect();
     portLog().clear();
-    EXPECT_EQ((chain->*GetParam().run)(), STREAM_OK);
-    const std::string operation = std::string(" ") + GetParam().portOperation;
-    EXPECT_EQ(portLog(), (Lines{"A.us0" + operation, "B.ds0" + operation}));
+    EXPECT_EQ(run(), STREAM_OK);
+    EXPECT_EQ(portLog(), onPorts({"A.us0", "B.ds0"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, AudioChainState,

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -157,24 +156,42 @@ inline monotonicTime& clockTime()
 }
 
 /**
+ * The length of the prefix "%8u.%06u (%1d): " at the start of `line`, its level in brackets at the end; 0 when
+ * the line has another shape.
+ */
+inline size_t tracePrefixLength(const std::string& line)
+{
+    const std::string digits = "0123456789";
+    const size_t seconds = line.find_first_not_of(' ');
+    const size_t point = line.find_first_not_of(digits, seconds);
+    if (seconds == std::string::npos || point == std::string::npos || point == seconds || point < 8) {
+        return 0;
+    }
+    const size_t length = point + sizeof ".123456 (1): " - 1;
+    if (line.size() < length || line[point] != '.' || line.find_first_not_of(digits, point + 1) != point + 7 ||
+        line.compare(point + 7, 2, " (") != 0 || digits.find(line[point + 9]) == std::string::npos ||
+        line.compare(point + 10, 3, "): ") != 0) {
+        return 0;
+    }
+    return length;
+}
+
+/**
  * The trace lines within `output`, each as "(level) message". Anything without the prefix of a trace line comes as it
  * is, so a comparison with whole lines sees it.
  */
 inline std::vector<std::string> traceLines(const std::string& output)
 {
-    static const std::regex shape("^ *[0-9]+\\.[0-9]{6} (\\([0-9]\\)): (.*)$");
     std::vector<std::string> lines;
     size_t start = 0;
     while (start < output.size()) {
-        size_t end = output.find('\n', start);
-        const bool ended = end != std::string::npos;
-        if (!ended) {
-            end = output.size();
+        const size_t lineEnd = output.find('\n', start);
+        const size_t end = lineEnd == std::string::npos ? output.size() : lineEnd;
+        std::string text = output.substr(start, end - start);
+        if (const size_t prefix = tracePrefixLength(text)) {
+            text = text.substr(prefix - 5, 3) + " " + text.substr(prefix);
         }
-        const std::string line = output.substr(start, end - start);
-        std::smatch parts;
-        std::string text = std::regex_match(line, parts, shape) ? parts[1].str() + " " + parts[2].str() : line;
-        lines.push_back(ended ? text : text + "<no line end>");
+        lines.push_back(lineEnd == std::string::npos ? text + "<no line end>" : text);
         start = end + 1;
     }
     return lines;
