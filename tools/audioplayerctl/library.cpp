@@ -1,0 +1,402 @@
+#include "library.h"
+
+#include "audioFile.h"
+#include "failure.h"
+#include "sqlite3Wrapper.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+/** A person can wait longer for a busy database than the daemon's 300 ms. */
+constexpr int BUSY_TIMEOUT_MS = 3000;
+
+constexpr size_t MAX_PATH_BYTES = 1023; ///< the column and the wire record hold 1023 and a zero
+constexpr int MAX_NAME_BYTES = 127;
+constexpr int NEXT_FREE = PlaylistItem::RESERVED_ID;
+constexpr int MAX_SEQUENCE = 65534; ///< sequences travel in 16 bits, and 65535 asks for the next free one
+
+/** The whole text as a decimal number, or none. */
+std::optional<int> wholeNumber(const std::string& text)
+{
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+void warn(const std::string& text)
+{
+    fprintf(stderr, "audioplayerctl: warning: %s\n", text.c_str());
+}
+
+/** The path that the daemon, with its own working directory, opens as well. */
+std::string absolutePath(const std::string& file)
+{
+    const std::string path = fs::absolute(file).lexically_normal().string();
+    if (path.size() > MAX_PATH_BYTES)
+        throw Failure(EXIT_REFUSED, "the path is longer than 1023 bytes: " + path);
+    return path;
+}
+
+} // namespace
+
+// ---- statements and transactions
+
+/** A statement of the tool's own, in the wrapper's pattern. */
+class Library::Query
+{
+public:
+    Query(sqlite3* connection, const char* sql, const char* label)
+        : db(connection), name(label), stmt(prepare_statement(connection, sql, label))
+    {
+        if (stmt == nullptr)
+            throw Failure(EXIT_FAILED, std::string("the database refuses a question: ") + sqlite3_errmsg(db));
+    }
+    ~Query() { sqlite3_finalize(stmt); } // its failure is that of the step, which has been told
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+
+    Query& bind(int index, int value)
+    {
+        bind_int(db, stmt, index, static_cast<uint32_t>(value), name, "value");
+        return *this;
+    }
+    Query& bind(int index, const std::string& value)
+    {
+        bind_text(db, stmt, index, value.c_str(), name, "value");
+        return *this;
+    }
+    /** Goes to the next row; false at the end. */
+    bool next()
+    {
+        const int rc = step_statement(db, stmt, name);
+        if (rc != SQLITE_ROW && rc != SQLITE_DONE)
+            throw Failure(EXIT_FAILED, std::string("the database can't be read: ") + sqlite3_errmsg(db));
+        return rc == SQLITE_ROW;
+    }
+    int number(int column) const { return sqlite3_column_int(stmt, column); }
+    int64_t number64(int column) const { return sqlite3_column_int64(stmt, column); }
+    bool isNull(int column) const { return sqlite3_column_type(stmt, column) == SQLITE_NULL; }
+    std::string text(int column) const
+    {
+        const unsigned char* found = sqlite3_column_text(stmt, column);
+        return found == nullptr ? "" : reinterpret_cast<const char*>(found);
+    }
+
+private:
+    sqlite3* db;
+    const char* name;
+    sqlite3_stmt* stmt;
+};
+
+/** All that is written between construction and commit(), or nothing of it. */
+class Library::Transaction
+{
+public:
+    explicit Transaction(Library& library) : db(library.db)
+    {
+        // Already there after the first time. Refused while another program is in the file: then the next write tries.
+        sqlite3_exec(db, "PRAGMA journal_mode = WAL;", nullptr, nullptr, nullptr);
+        run("BEGIN IMMEDIATE;"); // the write lock at once: no read that turns out stale at the first write
+    }
+    ~Transaction()
+    {
+        if (!isCommitted)
+            sqlite3_exec(db, "ROLLBACK;", nullptr, nullptr, nullptr);
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    void commit()
+    {
+        run("COMMIT;");
+        isCommitted = true;
+    }
+
+private:
+    void run(const char* sql)
+    {
+        if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK)
+            throw Failure(EXIT_FAILED, std::string("cannot write to the database: ") + sqlite3_errmsg(db));
+    }
+
+    sqlite3* db;
+    bool isCommitted = false;
+};
+
+// ---- opening
+
+Library::Library(const std::string& filename, access_e access)
+{
+    const bool isThere = fs::exists(filename);
+    if (!isThere && access != CREATE)
+        throw Failure(EXIT_NOT_FOUND,
+                      "there is no database " + filename + " (choose one by --db, or make one by \"playlist create\")");
+    if (!isThere && fs::path(filename).has_parent_path()) {
+        std::error_code error;
+        fs::create_directories(fs::path(filename).parent_path(), error); // a failure shows in the open that follows
+    }
+    if (!database.open_audio_database(filename.c_str(), false))
+        throw Failure(EXIT_FAILED, "cannot open the database " + filename);
+    db = database.getDatabase();
+    sqlite3_busy_timeout(db, BUSY_TIMEOUT_MS);
+
+    bool isAudioDatabase = false;
+    {
+        Query tables(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'T_Audio_Sources';",
+                     "find_tables");
+        isAudioDatabase = tables.next();
+    }
+    if (isAudioDatabase)
+        return;
+    if (access != CREATE)
+        throw Failure(EXIT_FAILED, filename + " is not an audio database");
+    database.close_audio_database();
+    if (!database.open_audio_database(filename.c_str(), true))
+        throw Failure(EXIT_FAILED, "cannot make the database " + filename);
+    db = database.getDatabase();
+    sqlite3_busy_timeout(db, BUSY_TIMEOUT_MS);
+}
+
+Library::~Library()
+{
+    database.close_audio_database();
+}
+
+void Library::expectDone(int rc, const char* what)
+{
+    if (rc != SQLITE_DONE)
+        throw Failure(EXIT_FAILED, std::string("cannot ") + what + ": " + sqlite3_errstr(rc));
+}
+
+// ---- looking
+
+std::vector<PlaylistRow> Library::playlists()
+{
+    Query query(db,
+                "SELECT p.id, p.sequence, p.name, t.name, c.count, c.playlist_length_seconds FROM T_Playlists p LEFT "
+                "JOIN T_Playlist_Types t ON t.id = p.playlist_type LEFT JOIN T_Playlists_Item_Count c ON c.playlist_id "
+                "= p.id ORDER BY p.sequence, p.id;",
+                "list_playlists");
+    std::vector<PlaylistRow> rows;
+    while (query.next()) {
+        PlaylistRow row = {query.number(0), query.number(1), query.text(2), query.text(3), query.number(4), {}};
+        if (!query.isNull(5))
+            row.lengthSeconds = query.number64(5);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+std::vector<EntryRow> Library::entries(int playlistId)
+{
+    Query query(db,
+                "SELECT a.sequence, a.id, a.item_id, t.name, i.pathname, i.item_length_in_samples, i.item_sample_rate "
+                "FROM T_Playlist_Item_Association a LEFT JOIN T_Items i ON i.id = a.item_id LEFT JOIN T_Item_Types t "
+                "ON t.id = i.item_type WHERE a.playlist_id = ? ORDER BY a.sequence, a.id;",
+                "list_entries");
+    query.bind(1, playlistId);
+    std::vector<EntryRow> rows;
+    while (query.next())
+        rows.push_back({query.number(0), query.number(1), query.number(2), query.text(3), query.text(4),
+                        query.number64(5), query.number64(6)});
+    return rows;
+}
+
+std::vector<SourceRow> Library::sources()
+{
+    Query query(db,
+                "SELECT s.id, t.name, s.player_id, s.player_name FROM T_Audio_Sources s LEFT JOIN "
+                "T_Audio_Source_Types t ON t.id = s.source_type_id ORDER BY s.id;",
+                "list_sources");
+    std::vector<SourceRow> rows;
+    while (query.next())
+        rows.push_back({query.number(0), query.text(1), query.number(2), query.text(3)});
+    return rows;
+}
+
+int Library::findByIdOrName(const std::string& idOrName, const char* byId, const char* byName, const char* what)
+{
+    const std::optional<int> id = wholeNumber(idOrName);
+    if (id.has_value()) {
+        Query query(db, byId, "find_by_id");
+        if (query.bind(1, *id).next())
+            return *id;
+    }
+    Query query(db, byName, "find_by_name");
+    query.bind(1, idOrName);
+    if (!query.next())
+        throw Failure(EXIT_NOT_FOUND, std::string("there is no ") + what + " \"" + idOrName + "\"");
+    const int found = query.number(0);
+    if (query.next())
+        throw Failure(EXIT_REFUSED,
+                      std::string("more than one ") + what + " has the name \"" + idOrName + "\": give its id instead");
+    return found;
+}
+
+int Library::findPlaylist(const std::string& idOrName)
+{
+    return findByIdOrName(idOrName, "SELECT id FROM T_Playlists WHERE id = ?;",
+                          "SELECT id FROM T_Playlists WHERE name = ?;", "playlist");
+}
+
+int Library::findSource(const std::string& idOrName)
+{
+    return findByIdOrName(idOrName, "SELECT id FROM T_Audio_Sources WHERE id = ?;",
+                          "SELECT id FROM T_Audio_Sources WHERE player_name = ?;", "source");
+}
+
+int Library::placeAt(int playlistId, int sequence, int& itemId)
+{
+    Query query(db, "SELECT id, item_id FROM T_Playlist_Item_Association WHERE playlist_id = ? AND sequence = ?;",
+                "find_entry");
+    if (!query.bind(1, playlistId).bind(2, sequence).next())
+        throw Failure(EXIT_NOT_FOUND, "the playlist has no entry at sequence " + std::to_string(sequence));
+    itemId = query.number(1);
+    return query.number(0);
+}
+
+// ---- changing
+
+int Library::createPlaylist(const std::string& name, bool isCart)
+{
+    if (name.empty() || name.size() > MAX_NAME_BYTES)
+        throw Failure(EXIT_REFUSED, "a playlist's name has 1 to 127 bytes");
+    Transaction transaction(*this);
+    if (database.getPlaylistId(name.c_str()) != -1)
+        throw Failure(EXIT_REFUSED, "there is a playlist \"" + name + "\" already");
+    const int type = isCart ? PlaylistType::CART : PlaylistType::PLAYLIST;
+    expectDone(database.insert_playlist(name.c_str(), NEXT_FREE, type), "create the playlist");
+    const int id = database.getPlaylistId(name.c_str());
+    transaction.commit();
+    return id;
+}
+
+std::string Library::jumpPath(const std::string& target)
+{
+    const size_t colon = target.rfind(':'); // a name may hold one too
+    const std::optional<int> sequence =
+        colon == std::string::npos ? std::nullopt : wholeNumber(target.substr(colon + 1));
+    if (!sequence.has_value())
+        throw Failure(EXIT_USAGE, "a jump is given as PLAYLIST:SEQUENCE, not \"" + target + "\"");
+    const int id = findPlaylist(target.substr(0, colon));
+
+    // The player takes one digit for the playlist and one for the sequence.
+    if (id > 9)
+        throw Failure(EXIT_REFUSED,
+                      "a jump can't lead to playlist " + std::to_string(id) + ": only the ids 0 to 9 can be expressed");
+    if (*sequence < 0 || *sequence > 9)
+        throw Failure(EXIT_REFUSED,
+                      "a jump can't lead to sequence " + std::to_string(*sequence) + ": only 0 to 9 can be expressed");
+
+    // The player follows jumps without end if none of them leads to a file, and plays nothing meanwhile.
+    const std::vector<EntryRow> there = entries(id);
+    const auto isAtOrBehind = [&](const EntryRow& entry) { return entry.sequence >= std::max(*sequence, 1); };
+    if (std::none_of(there.begin(), there.end(), isAtOrBehind))
+        throw Failure(EXIT_REFUSED, "playlist " + std::to_string(id) + " has no entry at or behind sequence " +
+                                        std::to_string(*sequence) + ": the player would hang in this jump");
+    if (std::all_of(there.begin(), there.end(), [](const EntryRow& entry) { return entry.type == "ITEM_TYPE_JUMP"; }))
+        warn("playlist " + std::to_string(id) + " holds nothing but jumps: a circle of jumps hangs the player");
+
+    // The last character of the set I, T, E, M, _, Y, P, J, U must be the P in front of the first separator.
+    return "ITEM_TYPE_JUMP:" + std::to_string(id) + ":" + std::to_string(*sequence);
+}
+
+void Library::insert(int playlistId, const std::string& path, int itemType, uint32_t numFrames, uint32_t rateHz)
+{
+    PlaylistItem item;
+    item.setPath(path.c_str());
+    item.getTypeReference().setTypeID(itemType);
+    item.setLengthSamples(numFrames);
+    item.setSampleRate(rateHz);
+    item.setPlaylistID(static_cast<uint16_t>(playlistId));
+    item.setSequence(NEXT_FREE);
+    expectDone(database.insert_playlist_item(item), "add the entry");
+}
+
+void Library::add(int playlistId, const std::vector<std::string>& files, const std::string& jump)
+{
+    if (playlistId >= PlaylistItem::RESERVED_ID)
+        throw Failure(EXIT_REFUSED, "the player can't name playlists with ids above 65534");
+    if (files.empty() && jump.empty())
+        throw Failure(EXIT_USAGE, "nothing to add: give files or --jump");
+
+    // Everything slow, and everything that may refuse, comes before the database is held.
+    std::vector<std::pair<std::string, AudioFile>> inspected;
+    for (const std::string& file : files) {
+        AudioFile figures;
+        const std::string path = absolutePath(file);
+        if (!inspectAudioFile(path, figures))
+            throw Failure(EXIT_NOT_FOUND, "cannot read " + path + ": " + strerror(errno));
+        for (const std::string& warning : figures.warnings)
+            warn(path + ": " + warning);
+        inspected.emplace_back(path, figures);
+    }
+    const std::string jumpEntry = jump.empty() ? "" : jumpPath(jump);
+
+    Transaction transaction(*this);
+    for (const auto& [path, figures] : inspected)
+        insert(playlistId, path, figures.itemType, figures.numFrames, figures.rateHz);
+    if (!jumpEntry.empty())
+        insert(playlistId, jumpEntry, ItemType::JUMP, 0, 1); // a rate of 0 would leave the playlist without a length
+    transaction.commit();
+}
+
+void Library::move(int playlistId, int from, int to)
+{
+    if (to < 1 || to > MAX_SEQUENCE)
+        throw Failure(EXIT_REFUSED, "a sequence lies from 1 to 65534");
+    Transaction transaction(*this);
+    int itemId = 0;
+    const int placeId = placeAt(playlistId, from, itemId);
+    if (from != to) {
+        // Two entries of one sequence are one to the player, which asks for the next greater: make room first.
+        std::vector<EntryRow> inTheWay;
+        int expected = to;
+        for (const EntryRow& entry : entries(playlistId)) {
+            if (entry.placeId != placeId && entry.sequence == expected) {
+                inTheWay.push_back(entry);
+                ++expected;
+            }
+        }
+        for (auto entry = inTheWay.rbegin(); entry != inTheWay.rend(); ++entry)
+            expectDone(database.update_playlist_item(entry->placeId, entry->sequence + 1), "move an entry");
+        expectDone(database.update_playlist_item(placeId, to), "move the entry");
+    }
+    transaction.commit();
+}
+
+void Library::remove(int playlistId, int sequence)
+{
+    Transaction transaction(*this);
+    int itemId = 0;
+    const int placeId = placeAt(playlistId, sequence, itemId);
+    database.delete_playlist_item(placeId, itemId);
+    transaction.commit();
+}
+
+void Library::deletePlaylist(int playlistId)
+{
+    Transaction transaction(*this);
+    const std::string lead = "ITEM_TYPE_JUMP:" + std::to_string(playlistId) + ":";
+    Query jumps(
+        db,
+        "SELECT DISTINCT a.playlist_id FROM T_Playlist_Item_Association a JOIN T_Items i ON i.id = a.item_id WHERE i.item_type = 3 AND substr(i.pathname, 1, ?) = ? AND a.playlist_id <> ?;",
+        "find_jumps");
+    jumps.bind(1, static_cast<int>(lead.size())).bind(2, lead).bind(3, playlistId);
+    while (jumps.next())
+        warn("playlist " + std::to_string(jumps.number(0)) +
+             " jumps to the deleted one: the player hangs when it takes that jump");
+    expectDone(database.delete_playlist(playlistId), "delete the playlist");
+    transaction.commit();
+}

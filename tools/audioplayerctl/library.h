@@ -1,0 +1,99 @@
+#pragma once
+
+/**
+ * The station's library as audioplayerctl sees it: commands on the audio database, beside a daemon that plays from it.
+ *
+ *   in:  names, ids, sequences and files from the command line
+ *   out: rows of the database; records for printing; warnings on stderr
+ *
+ * Every write is one short transaction, and nothing is held while a file is looked at, so the daemon, which waits 300 ms
+ * at most, is never kept from the database. The first write puts the file into WAL mode: from then on a reader and the
+ * one writer do not wait for each other at all. Failures are thrown as Failure.
+ */
+
+#include "AudioDatabase.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct PlaylistRow {
+    int id;
+    int sequence;
+    std::string name;
+    std::string type; ///< such as "STR_PLAYLIST"
+    int count;
+    std::optional<int64_t> lengthSeconds; ///< none while an item of unknown length is or was in it
+};
+
+struct EntryRow {
+    int sequence;
+    int placeId; ///< id in T_Playlist_Item_Association
+    int itemId;
+    std::string type; ///< such as "ITEM_TYPE_WAV"
+    std::string path;
+    int64_t numFrames;
+    int64_t rateHz;
+};
+
+struct SourceRow {
+    int id;           ///< what a start command names
+    std::string type; ///< "STR_PLAYLIST" or "STR_STREAM"
+    int playerId;     ///< id of the playlist or stream
+    std::string name;
+};
+
+class Library
+{
+public:
+    enum access_e { READ, WRITE, CREATE };
+
+    /**
+     * Opens the database file. READ and WRITE need an audio database that is there; CREATE makes the file and its
+     * directory where missing.
+     */
+    Library(const std::string& filename, access_e access);
+    ~Library();
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+
+    std::vector<PlaylistRow> playlists();
+    std::vector<EntryRow> entries(int playlistId);
+    std::vector<SourceRow> sources();
+
+    /** The playlist's id, from its id or name: digits that are no id may be a name. Throws if there is none. */
+    int findPlaylist(const std::string& idOrName);
+
+    /** The source's id, found likewise. */
+    int findSource(const std::string& idOrName);
+
+    /** Adds a playlist, a cart if `isCart`, and answers its id. Throws if the name is taken. */
+    int createPlaylist(const std::string& name, bool isCart);
+
+    /** Appends the files, in order, and then the jump "PLAYLIST:SEQUENCE" if it is not empty. All or nothing. */
+    void add(int playlistId, const std::vector<std::string>& files, const std::string& jump);
+
+    /** Gives the entry at sequence `from` the sequence `to`; entries in the way move up by one. */
+    void move(int playlistId, int from, int to);
+
+    /** Removes the entry at the sequence, and its item if no other entry uses it. The file on disk stays. */
+    void remove(int playlistId, int sequence);
+
+    /** Deletes the playlist, its entries, and the items that no other playlist uses. The files on disk stay. */
+    void deletePlaylist(int playlistId);
+
+private:
+    class Query;
+    class Transaction;
+
+    bool exists(const char* sql, int id);
+    int findByIdOrName(const std::string& idOrName, const char* byId, const char* byName, const char* what);
+    int placeAt(int playlistId, int sequence, int& itemId);
+    std::string jumpPath(const std::string& target);
+    void insert(int playlistId, const std::string& path, int itemType, uint32_t numFrames, uint32_t rateHz);
+    void expectDone(int rc, const char* what);
+
+    AudioDatabase database;
+    sqlite3* db = nullptr; ///< of `database`, not owned
+};

@@ -1,0 +1,270 @@
+/**
+ * audioplayerctl: the person's hand on the player daemon.
+ *
+ *   audioplayerctl playlist create|add|list|show|move|remove|delete ...   the library in the database
+ *   audioplayerctl sources | start ID|NAME | stop | status                the running daemon
+ *
+ * One thread, one command, then the end. What is asked for goes to stdout, warnings and failures to stderr.
+ */
+
+#include "daemonLink.h"
+#include "failure.h"
+#include "globals.h"
+#include "library.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+/** What the command line says. */
+struct Options {
+    std::string database = "../audioplayerdatabase/audioDatabase.db"; // as the daemon finds it
+    ControlAddress control;
+    bool isJson = false;
+    bool isCart = false;
+    std::string playlist; ///< id or name
+    std::string source;   ///< id or name
+    std::vector<std::string> files;
+    std::string jump;
+    int sequence = 0;
+    int newSequence = 0;
+};
+
+/** Names and paths may hold bytes that are no UTF-8: those come out as the replacement character. */
+void print(const Json& json)
+{
+    puts(json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+std::string duration(const std::optional<int64_t>& lengthSeconds)
+{
+    if (!lengthSeconds.has_value())
+        return "unknown";
+    char text[32];
+    snprintf(text, sizeof(text), "%d:%02d:%02d", static_cast<int>(*lengthSeconds / 3600),
+             static_cast<int>(*lengthSeconds / 60 % 60), static_cast<int>(*lengthSeconds % 60));
+    return text;
+}
+
+void listPlaylists(const Options& options)
+{
+    const std::vector<PlaylistRow> rows = Library(options.database, Library::READ).playlists();
+    if (options.isJson) {
+        Json json = Json::array();
+        for (const PlaylistRow& row : rows)
+            json.push_back({{"id", row.id},
+                            {"sequence", row.sequence},
+                            {"name", row.name},
+                            {"type", row.type},
+                            {"entries", row.count},
+                            {"seconds", row.lengthSeconds.has_value() ? Json(*row.lengthSeconds) : Json()}});
+        print(json);
+        return;
+    }
+    printf("%5s %8s %9s  %s\n", "ID", "ENTRIES", "LENGTH", "NAME");
+    for (const PlaylistRow& row : rows)
+        printf("%5d %8d %9s  %s%s\n", row.id, row.count, duration(row.lengthSeconds).c_str(), row.name.c_str(),
+               row.type == "STR_CART" ? " (cart)" : "");
+}
+
+void showPlaylist(const Options& options)
+{
+    Library library(options.database, Library::READ);
+    const std::vector<EntryRow> rows = library.entries(library.findPlaylist(options.playlist));
+    if (options.isJson) {
+        Json json = Json::array();
+        for (const EntryRow& row : rows)
+            json.push_back({{"sequence", row.sequence},
+                            {"entry_id", row.placeId},
+                            {"item_id", row.itemId},
+                            {"type", row.type},
+                            {"path", row.path},
+                            {"samples", row.numFrames},
+                            {"sample_rate", row.rateHz}});
+        print(json);
+        return;
+    }
+    printf("%8s %9s %6s  %s\n", "SEQUENCE", "LENGTH", "RATE", "PATH");
+    for (const EntryRow& row : rows) {
+        const bool isJump = row.type == "ITEM_TYPE_JUMP";
+        const std::optional<int64_t> seconds =
+            row.rateHz > 0 ? std::optional<int64_t>(row.numFrames / row.rateHz) : std::nullopt;
+        printf("%8d %9s %6s  %s\n", row.sequence, isJump ? "-" : duration(seconds).c_str(),
+               isJump ? "-" : std::to_string(row.rateHz).c_str(), row.path.c_str());
+    }
+}
+
+void listSources(const Options& options)
+{
+    const std::vector<SourceRow> rows = Library(options.database, Library::READ).sources();
+    if (options.isJson) {
+        Json json = Json::array();
+        for (const SourceRow& row : rows)
+            json.push_back({{"id", row.id}, {"type", row.type}, {"player_id", row.playerId}, {"name", row.name}});
+        print(json);
+        return;
+    }
+    printf("%5s  %-13s %9s  %s\n", "ID", "TYPE", "PLAYER ID", "NAME");
+    for (const SourceRow& row : rows)
+        printf("%5d  %-13s %9d  %s\n", row.id, row.type.c_str(), row.playerId, row.name.c_str());
+}
+
+void createPlaylist(const Options& options)
+{
+    Library library(options.database, Library::CREATE);
+    const int id = library.createPlaylist(options.playlist, options.isCart);
+    if (options.isJson)
+        print(Json({{"id", id}, {"name", options.playlist}}));
+    else
+        printf("Created playlist %d \"%s\"\n", id, options.playlist.c_str());
+}
+
+void addToPlaylist(const Options& options)
+{
+    Library library(options.database, Library::WRITE);
+    library.add(library.findPlaylist(options.playlist), options.files, options.jump);
+}
+
+void moveEntry(const Options& options)
+{
+    Library library(options.database, Library::WRITE);
+    library.move(library.findPlaylist(options.playlist), options.sequence, options.newSequence);
+}
+
+void removeEntry(const Options& options)
+{
+    Library library(options.database, Library::WRITE);
+    library.remove(library.findPlaylist(options.playlist), options.sequence);
+}
+
+void deletePlaylist(const Options& options)
+{
+    Library library(options.database, Library::WRITE);
+    library.deletePlaylist(library.findPlaylist(options.playlist));
+}
+
+void start(const Options& options)
+{
+    const int id = Library(options.database, Library::READ).findSource(options.source);
+    sendStart(options.control, id);
+    printf("Asked the player to start source %d\n", id);
+}
+
+void stop(const Options& options)
+{
+    sendStop(options.control);
+    puts("Asked the player to stop");
+}
+
+void status(const Options&)
+{
+    if (!hearsHeartbeat())
+        throw Failure(EXIT_DAEMON_DOWN, "no heartbeat within 2.5 s: the player is not running");
+    puts("The player is running");
+}
+
+const char* const FOOTER = "Exit status: 0 done (status: the player runs), 1 the database or the system refused, 2 bad "
+                           "command line,\n3 the player is not running, 4 not found, 5 refused, 6 the heartbeat's port "
+                           "is in use.\nSee audioplayerctl(1).";
+
+void addPlaylistCommands(CLI::App& app, Options& options, std::function<void(const Options&)>& chosen)
+{
+    CLI::App* playlist = app.add_subcommand("playlist", "Make, fill, look at and delete playlists");
+    playlist->require_subcommand(1);
+    const auto command = [&](const char* name, const char* help, void (*action)(const Options&)) {
+        CLI::App* added = playlist->add_subcommand(name, help);
+        added->callback([&chosen, action] { chosen = action; });
+        return added;
+    };
+    const auto wantsPlaylist = [&](CLI::App* to) {
+        to->add_option("PLAYLIST", options.playlist, "Its id or name")->required();
+    };
+
+    CLI::App* create = command("create", "Make an empty playlist; the database too, if there is none", createPlaylist);
+    create->add_option("NAME", options.playlist, "Its name, not in use yet")->required();
+    create->add_flag("--cart", options.isCart, "A cart: it can't be started as a source");
+    create->add_flag("--json", options.isJson, "Answer in JSON");
+
+    CLI::App* add = command("add", "Append files, and then a jump; files that will not play are told", addToPlaylist);
+    wantsPlaylist(add);
+    add->add_option("FILE", options.files, "WAV files (and .mp3), stored with their absolute paths");
+    add->add_option("--jump", options.jump,
+                    "PLAYLIST:SEQUENCE: go on there; the playlist's id and the sequence must lie from 0 to 9");
+
+    CLI::App* list = command("list", "List the playlists", listPlaylists);
+    list->add_flag("--json", options.isJson, "List in JSON");
+
+    CLI::App* show = command("show", "List the entries of a playlist in order", showPlaylist);
+    wantsPlaylist(show);
+    show->add_flag("--json", options.isJson, "List in JSON");
+
+    CLI::App* move = command("move", "Give an entry another sequence; entries in the way move up by one", moveEntry);
+    wantsPlaylist(move);
+    move->add_option("SEQUENCE", options.sequence, "Where the entry is")->required();
+    move->add_option("NEW_SEQUENCE", options.newSequence, "Where it goes, from 1")->required();
+
+    CLI::App* remove = command("remove", "Remove an entry; the file on disk stays", removeEntry);
+    wantsPlaylist(remove);
+    remove->add_option("SEQUENCE", options.sequence, "Where the entry is")->required();
+
+    wantsPlaylist(command("delete", "Delete a playlist and its entries; the files on disk stay", deletePlaylist));
+}
+
+void addDaemonCommands(CLI::App& app, Options& options, std::function<void(const Options&)>& chosen)
+{
+    const auto command = [&](const char* name, const char* help, void (*action)(const Options&)) {
+        CLI::App* added = app.add_subcommand(name, help);
+        added->callback([&chosen, action] { chosen = action; });
+        return added;
+    };
+    command("sources", "List what can be started", listSources)->add_flag("--json", options.isJson, "List in JSON");
+    command("start", "Start a source; what plays is replaced", start)
+        ->add_option("SOURCE", options.source, "Its id or name, as \"sources\" lists them")
+        ->required();
+    command("stop", "Stop what plays", stop);
+    command("status", "Listen for the player's heartbeat, up to 2.5 s", status);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    log_level = 0; // the log of the library's code is the daemon's; what fails is told once, below
+    Options options;
+    std::function<void(const Options&)> chosen;
+
+    CLI::App app("Controls the AudioPlayer daemon and its library of playlists.", "audioplayerctl");
+    app.footer(FOOTER);
+    app.set_version_flag("--version", AUDIOPLAYER_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_option("--db", options.database,
+                   "The database; a relative path starts at the working directory, as the daemon's does")
+        ->capture_default_str();
+    app.add_option("--host", options.control.host, "Where the player runs, for start and stop")->capture_default_str();
+    app.add_option("--port", options.control.port, "The player's control port, for start and stop")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    addPlaylistCommands(app, options, chosen);
+    addDaemonCommands(app, options, chosen);
+
+    try {
+        app.parse(argc, argv);
+        chosen(options);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE; // help and version end here too
+    } catch (const Failure& failure) {
+        fprintf(stderr, "audioplayerctl: %s\n", failure.what());
+        return failure.status;
+    } catch (const std::exception& error) { // the standard library's: memory, or a path that can't be made absolute
+        fprintf(stderr, "audioplayerctl: %s\n", error.what());
+        return EXIT_FAILED;
+    }
+    return EXIT_OK;
+}
