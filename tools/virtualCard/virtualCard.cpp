@@ -189,6 +189,8 @@ int VirtualCard::prepare(int64_t nowNs)
         return refused;
     discardQueued();
     halt(nowNs);
+    if (capture) // a restarted card goes on in its source where it stopped
+        sourceFrames += positionFrames;
     positionFrames = appliedFrames = 0;
     clock.start(nowNs, 0.0);
     clock.stop(nowNs);
@@ -261,12 +263,8 @@ void VirtualCard::discardQueued()
 
 void VirtualCard::halt(int64_t nowNs)
 {
-    if (capture) // a restarted card goes on in its source where it stopped
-        sourceFrames += positionFrames;
     clock.stop(nowNs);
     meter.silence();
-    if (capture)
-        positionFrames = appliedFrames = 0;
     armedNs = 0;
 }
 
