@@ -361,6 +361,9 @@ TEST_F(AudioPort, FixedAgainstFixedFailsOnTheWayBack)
                             "(1) connectupstream called from connect downstream", "(1) Reconfig check SOURCE type 0",
                             "(1) NumChannels (SOURCE):2 is not compatible with 1",
                             "(1) connectUpstream: unable to reconfigure port parameters (SINK->SOURCE)"}));
+    // Each side takes itself down, and each time the other follows.
+    EXPECT_EQ(portLog(),
+              (Lines{"SINK.ds0 disconnect", "SOURCE.us0 disconnect", "SINK.ds0 disconnect", "SOURCE.us0 disconnect"}));
     expectApartAndReset();
 }
 
