@@ -22,6 +22,9 @@ constexpr uint32_t CHUNK_HEADER_BYTES = 8;
 constexpr uint32_t FMT_CHUNK_BYTES = 16;
 constexpr uint32_t MAX_RATE_HZ = 48000;
 
+/** Whether the player of this version has a source for MP3 files; without one it skips them, half a second each. */
+constexpr bool PLAYS_MP3 = false;
+
 uint32_t littleEndian16(const unsigned char* bytes)
 {
     return bytes[0] | static_cast<uint32_t>(bytes[1]) << 8;
@@ -198,6 +201,8 @@ void inspectMp3(const std::string& path, AudioFile& result)
         const off_t length = mpg123_length(decoder.get());
         result.numFrames = length > 0 ? static_cast<uint32_t>(std::min<off_t>(length, UINT32_MAX)) : 0;
     }
+    if (!PLAYS_MP3)
+        result.warnings.push_back("it will not play: this version of the player plays no MP3 files");
     if (result.rateHz > MAX_RATE_HZ)
         result.warnings.push_back("it will not play: its sample rate is " + number(result.rateHz) +
                                   " Hz, at most 48000 can be");
