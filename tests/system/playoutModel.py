@@ -130,8 +130,9 @@ class WavSource:
         return samples.astype(np.int64).reshape(-1, self.channels)
 
     def at_end(self):
-        """The player's sight of it: no time left, which 32-bit frame counts answer by exact equality."""
-        return self.consumed == self.total
+        """The player's sight of it: no whole millisecond left. Past the end, 32-bit frames wrap to more than a day."""
+        left = np.float32((self.total - self.consumed) % (1 << 32))
+        return int(left / np.float32(self.rate) * np.float32(1000)) == 0
 
 
 class ToneSource:
