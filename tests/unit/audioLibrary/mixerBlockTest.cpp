@@ -1110,7 +1110,7 @@ TEST_F(MixerNegotiation, BlockMergesThreeFieldsByStatus)
     audioPortParam_t usp = shape(48000.0F, 1.0F, 2, SAMPLE_S16BIT_LE, 100);
     audioPortParam_t dsp = shape(44100.0F, 2.0F, 1, SAMPLE_S32BIT_LE, 200);
     dsp.samplesInterleaved = false;
-    const audioPortParam_t before = usp;
+    const audioPortParam_t original = usp;
 
     usp.nominalSampleRateStatus = usp.samplesInterleavedStatus = usp.trueSampleRateStatus = VARIABLE;
     EXPECT_EQ(mixer.reconfigBlockCheck(usp, dsp), STREAM_OK);
@@ -1122,7 +1122,7 @@ TEST_F(MixerNegotiation, BlockMergesThreeFieldsByStatus)
     EXPECT_EQ(usp.sampleFormat, SAMPLE_S16BIT_LE);
 
     for (int fixed = 0; fixed < 3; fixed++) {
-        usp = before;
+        usp = original;
         usp.nominalSampleRateStatus = fixed == 0 ? FIXED : VARIABLE;
         usp.samplesInterleavedStatus = fixed == 1 ? INCOMPATIBLE : VARIABLE;
         usp.trueSampleRateStatus = fixed == 2 ? FIXED : VARIABLE;
