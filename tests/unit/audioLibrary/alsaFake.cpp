@@ -183,6 +183,7 @@ void Card::reset()
 {
     const Lock lock(mutex);
     state = State();
+    handles.clear(); // also those that an earlier test left open
 }
 
 void Card::fail(const std::string& function, int error, int times)
