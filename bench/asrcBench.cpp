@@ -2,11 +2,12 @@
 /**
  * Speed of the rate converter, each form beside the literal one and beside other converters:
  *
- *   bench_asrc [--check] [ROUNDS]     (25 rounds)
+ *   bench_asrc [--check] [ROUNDS]     (41 rounds)
  *
  * All get and give interleaved 16-bit stereo in blocks of 1024 frames, the copies in and out included. Each round runs
- * every converter for the same audio, one after the other, and takes its ratio to the literal form of that round; the
- * figures are medians of those ratios, so that a slow spell of the machine hits both sides alike.
+ * every converter for about the same time, one after the other, and takes its ratio to the literal form of that round; the
+ * figures are medians of those ratios, so that a slow spell of the machine hits both sides alike. Time is the thread's
+ * own processor time: what other programs take does not count.
  * --check exits with 1 when a form misses its aim: 9.5 times the literal form with SSE2, 14 times with AVX2.
  */
 
@@ -17,7 +18,6 @@
 #include <speex/speex_resampler.h>
 #include <zita-resampler/vresampler.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -25,12 +25,14 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <time.h>
 
 namespace
 {
 
 constexpr unsigned int kBlockFrames = 1024;
-constexpr unsigned int kBlocks = 60;    ///< a round: 1.4 s of audio
+constexpr unsigned int kBlocks = 60;    ///< of test audio, played in a circle
+constexpr double kSliceSeconds = 0.008; ///< of each converter in each round
 constexpr unsigned int kOutRoom = 2048; ///< more than a block can become
 
 using ConvertBlock = std::function<unsigned int(const int16_t* in, int16_t* out)>;
@@ -39,9 +41,10 @@ struct Candidate {
     std::string name;
     unsigned int channels;
     ConvertBlock convert;
-    double aim = 0; ///< times the literal form
-    std::vector<double> ratios;
-    std::vector<double> framesPerSecond;
+    double aim;              ///< times the literal form; 0 for none
+    unsigned int blocks = 0; ///< a slice's worth
+    std::vector<double> ratios = {};
+    std::vector<double> framesPerSecond = {};
 };
 
 std::vector<int16_t> loadTable(const char* path)
@@ -141,13 +144,21 @@ ConvertBlock zitaVariable(unsigned int in, unsigned int out)
     };
 }
 
-double seconds(const ConvertBlock& convert, const std::vector<int16_t>& audio, unsigned int channels)
+double processorSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+/** Seconds a block takes, averaged over `nBlocks`. */
+double secondsPerBlock(const Candidate& candidate, const std::vector<int16_t>& audio, unsigned int nBlocks)
 {
     static int16_t out[2 * kOutRoom];
-    const auto start = std::chrono::steady_clock::now();
-    for (unsigned int block = 0; block < kBlocks; ++block)
-        convert(audio.data() + size_t{block} * kBlockFrames * channels, out);
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double start = processorSeconds();
+    for (unsigned int block = 0; block < nBlocks; ++block)
+        candidate.convert(audio.data() + size_t{block % kBlocks} * kBlockFrames * candidate.channels, out);
+    return (processorSeconds() - start) / nBlocks;
 }
 
 double median(std::vector<double> values)
@@ -172,16 +183,16 @@ std::vector<int16_t> testAudio()
 bool compare(const char* title, std::vector<Candidate> candidates, unsigned int rounds)
 {
     const std::vector<int16_t> audio = testAudio();
-    for (unsigned int round = 0; round <= rounds; ++round) {
+    for (Candidate& candidate : candidates) // caches, clocks and the converters themselves come up to speed
+        candidate.blocks = 1 + static_cast<unsigned int>(kSliceSeconds / secondsPerBlock(candidate, audio, kBlocks));
+    for (unsigned int round = 0; round < rounds; ++round) {
         double literal = 0;
         for (Candidate& candidate : candidates) {
-            const double time = seconds(candidate.convert, audio, candidate.channels);
+            const double time = secondsPerBlock(candidate, audio, candidate.blocks);
             if (literal == 0)
                 literal = time; // the first candidate is the literal form
-            if (round == 0)
-                continue; // caches, clocks and the converters themselves come up to speed
             candidate.ratios.push_back(literal / time);
-            candidate.framesPerSecond.push_back(kBlocks * kBlockFrames / time);
+            candidate.framesPerSecond.push_back(kBlockFrames / time);
         }
     }
     bool reached = true;
@@ -200,25 +211,23 @@ std::vector<Candidate> ownForms(unsigned int channels, const std::vector<int16_t
                                 unsigned int out)
 {
     std::vector<Candidate> forms;
-    forms.push_back({"literal", channels, literalForm(channels, table, in, out), 0, {}, {}});
-    forms.push_back({"plain", channels, ourForm(channels, table, in, out, asrcKernelPlain), 0, {}, {}});
+    forms.push_back({"literal", channels, literalForm(channels, table, in, out), 0});
+    forms.push_back({"plain", channels, ourForm(channels, table, in, out, asrcKernelPlain), 0});
     if (const asrcKernel* kernel = asrcKernelSse2())
-        forms.push_back(
-            {"SSE2", channels, ourForm(channels, table, in, out, *kernel), channels == 2 ? 9.5 : 0, {}, {}});
+        forms.push_back({"SSE2", channels, ourForm(channels, table, in, out, *kernel), channels == 2 ? 9.5 : 0});
     if (const asrcKernel* kernel = asrcKernelAvx2())
-        forms.push_back(
-            {"AVX2", channels, ourForm(channels, table, in, out, *kernel), channels == 2 ? 14.0 : 0, {}, {}});
+        forms.push_back({"AVX2", channels, ourForm(channels, table, in, out, *kernel), channels == 2 ? 14.0 : 0});
     if (const asrcKernel* kernel = asrcKernelNeon())
-        forms.push_back({"NEON", channels, ourForm(channels, table, in, out, *kernel), 0, {}, {}});
+        forms.push_back({"NEON", channels, ourForm(channels, table, in, out, *kernel), 0});
     return forms;
 }
 
 std::vector<Candidate> withPeers(std::vector<Candidate> forms, unsigned int in, unsigned int out)
 {
-    forms.push_back({"libsamplerate SINC_FASTEST", 2, libsamplerateFastest(in, out), 0, {}, {}});
-    forms.push_back({"speexdsp q3", 2, speexQuality3(in, out), 0, {}, {}});
-    forms.push_back({"soxr LQ", 2, soxrLow(in, out), 0, {}, {}});
-    forms.push_back({"zita VResampler hlen 16", 2, zitaVariable(in, out), 0, {}, {}});
+    forms.push_back({"libsamplerate SINC_FASTEST", 2, libsamplerateFastest(in, out), 0});
+    forms.push_back({"speexdsp q3", 2, speexQuality3(in, out), 0});
+    forms.push_back({"soxr LQ", 2, soxrLow(in, out), 0});
+    forms.push_back({"zita VResampler hlen 16", 2, zitaVariable(in, out), 0});
     return forms;
 }
 
@@ -227,7 +236,7 @@ std::vector<Candidate> withPeers(std::vector<Candidate> forms, unsigned int in, 
 int main(int argc, char** argv)
 {
     bool check = false;
-    unsigned int rounds = 25;
+    unsigned int rounds = 41;
     for (int i = 1; i < argc; ++i) {
         if (std::string(argv[i]) == "--check")
             check = true;

@@ -217,7 +217,7 @@ private:
         fill(random, inputKind, theirPlace, size_t{nFrames} * nChannels);
         std::memcpy(ourPlace, theirPlace, size_t{nFrames} * nChannels * sizeof(int16_t));
         if (random.oneIn(100)) // a caller that claims more than it was offered
-            nFrames = random.below(1500);
+            nFrames = std::max(nFrames, random.below(1500));
         literal.writeInFrames(nFrames);
         asrcWriteInFrames(handle, nFrames);
     }

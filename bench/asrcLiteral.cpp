@@ -17,6 +17,12 @@ int wrappingDifference(int a, int b)
     return static_cast<int>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
 }
 
+/** Arithmetic shift by 15, low 16 bits. */
+int16_t shifted(uint32_t sum)
+{
+    return static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>(sum) >> 15));
+}
+
 } // namespace
 
 Converter::Converter(unsigned int channels, const int16_t* coefficients)
@@ -98,18 +104,29 @@ void Converter::makeFrame(unsigned int depth)
 {
     const unsigned int frac = IRead & 0xFFFF;
     const int w8 = static_cast<int>(IRead & 0xFF);
+    int16_t* const filter = FilterBuffer.data();
+    const int16_t* const coefficients = FilterCoeff.data();
     for (unsigned int k = 0; k < 32; ++k) {
         const unsigned int i = (frac + k * 65536) >> 8;
-        FilterBuffer[k] = static_cast<int16_t>(((256 - w8) * FilterCoeff[i] + w8 * FilterCoeff[(i + 1) % 8192]) / 256);
+        filter[k] = static_cast<int16_t>(((256 - w8) * coefficients[i] + w8 * coefficients[(i + 1) % 8192]) / 256);
     }
     UseInput = 1;
-    const unsigned int p = IRead >> 16;
-    for (unsigned int channel = 0; channel < nChannels; ++channel) {
+    const int16_t* const window = InputBuffer.data() + (IRead >> 16) * nChannels;
+    int16_t* const out = OutputBuffer + OutputIndex * nChannels;
+    if (nChannels == 1) {
         uint32_t sum = 0;
         for (unsigned int j = 0; j < 32; ++j)
-            sum += static_cast<uint32_t>(InputBuffer[(p + j) * nChannels + channel] * FilterBuffer[31 - j]);
-        OutputBuffer[OutputIndex * nChannels + channel] =
-            static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>(sum) >> 15));
+            sum += static_cast<uint32_t>(window[j] * filter[31 - j]);
+        out[0] = shifted(sum);
+    } else {
+        uint32_t left = 0;
+        uint32_t right = 0;
+        for (unsigned int j = 0; j < 32; ++j) {
+            left += static_cast<uint32_t>(window[2 * j] * filter[31 - j]);
+            right += static_cast<uint32_t>(window[2 * j + 1] * filter[31 - j]);
+        }
+        out[0] = shifted(left);
+        out[1] = shifted(right);
     }
     OutputIndex += 1;
     if (depth >= 142 && depth <= 146)

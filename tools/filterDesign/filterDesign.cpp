@@ -180,20 +180,17 @@ public:
         }
     }
 
-    /** Sweeps over all phases until nothing improves; returns the number of moves. */
-    int run()
+    /** Sweeps over all phases until nothing improves. */
+    void run()
     {
-        int moves = 0;
         for (int sweep = 0; sweep < kSweeps; ++sweep) {
-            int made = 0;
+            bool moved = false;
             for (int phase = 0; phase < kPhases; ++phase)
                 while (improve(phase))
-                    ++made;
-            moves += made;
-            if (made == 0)
-                break;
+                    moved = true;
+            if (!moved)
+                return;
         }
-        return moves;
     }
 
 private:
@@ -315,7 +312,7 @@ Table designTable(double gainDb, bool plain)
     for (int phase = 0; phase < kPhases; ++phase)
         roundPhase(ideal[static_cast<size_t>(phase * kWeights)], unity, phase, table);
     if (!plain)
-        std::fprintf(stderr, "%d pair moves\n", PairMoves(table, ideal).run());
+        PairMoves(table, ideal).run();
     return table;
 }
 
