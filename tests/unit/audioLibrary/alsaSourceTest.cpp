@@ -1042,11 +1042,13 @@ TEST_F(AlsaSource, DestructorWaitsForTheWriteInProgress)
 
 TEST_F(AlsaSource, BlocksComeAndGoWithoutALeftover)
 {
+    testing::internal::CaptureStdout();
     for (int i = 0; i < 100; i++) { // more than there are slots for threads and mutexes
         build();
         ASSERT_EQ(block->init(), STREAM_OK);
         removeBlock();
     }
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::Not(HasSubstr("ERROR")));
     EXPECT_FALSE(card().isOpen());
 }
 
