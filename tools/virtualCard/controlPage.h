@@ -69,7 +69,7 @@ struct PageStatus {
     uint64_t droppedFrames = 0; ///< written and thrown away by stop or prepare, since the open
     uint64_t lateWakes = 0;     ///< forgiven, since the open
     int64_t lateNs = 0;         ///< their sum
-    uint64_t faultsDelivered = 0; ///< calls refused since the page was made
+    uint64_t faultsDelivered = 0; ///< calls refused since the page was made, opens excepted
     double peak[2] = {};          ///< of the last period, channel 0 and 1, full scale 1.0
     double rms[2] = {};
 };

@@ -141,13 +141,18 @@ def events_of_recording(events, path):
 
 
 def true_rate(events):
-    """Frames a second between the first and the last position of the longest stretch without an interruption."""
-    best, stretch = None, []
+    """Frames a second between the first and the last position of the longest stretch at one rate.
+
+    Time that the clock has forgiven (late wakes) has not passed for the card, so it does not count.
+    """
+    best, stretch, forgiven = None, [], 0.0
     for when, _, event, pairs in events:
-        if event == "start":
+        if event in ("start", "ppm", "stall", "stall_end", "suspend", "resume"):
             stretch = []
+        elif event == "late_wake":
+            forgiven += float(pairs["late_ms"]) / 1000.0
         elif event == "position":
-            stretch.append((when, int(pairs["frames"])))
+            stretch.append((when - forgiven, int(pairs["frames"])))
             seconds = stretch[-1][0] - stretch[0][0]
             if seconds > 0 and (best is None or seconds > best[1]):
                 best = ((stretch[-1][1] - stretch[0][1]) / seconds, seconds)
