@@ -153,7 +153,7 @@ def test_unknown_argument_is_answered_with_the_usage_and_status_0(daemon, argume
 @pytest.mark.parametrize("option", ["-t", "-p"])
 def test_option_at_the_end_reads_the_null_behind_the_arguments(daemon, option):
     daemon.start(option)
-    assert daemon.wait_exit() in (-signal.SIGSEGV, 1)  # 1: a sanitizer saw it first
+    assert daemon.wait_exit() != 0  # by SIGSEGV, or by a sanitizer that saw it coming
     assert "Version" not in daemon.output()
 
 
@@ -213,8 +213,8 @@ def test_child_of_process_1_is_a_daemon_already(daemon):
     assert done.stderr == USAGE
 
 
-# A user that has one process and may have no second one.
-ALONE = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "prlimit", "--nproc=1")
+# A user that has one process and may have no second one; a leak checker would want one.
+ALONE = ("env", "ASAN_OPTIONS=detect_leaks=0", "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "prlimit", "--nproc=1")
 
 
 def test_failed_fork_goes_on_as_the_child(daemon):
@@ -245,10 +245,13 @@ def test_refused_thread_ends_the_process(daemon):
 # ---- threads
 
 
+REAL_TIME = (os.SCHED_FIFO, 80)
+
+
 def schedulers(pid):
-    """Policy and priority of each thread, the main thread first."""
-    threads = sorted(int(entry) for entry in os.listdir(f"/proc/{pid}/task"))
-    return [(os.sched_getscheduler(thread), os.sched_getparam(thread).sched_priority) for thread in threads]
+    """Policy and priority of each thread by its id. Sanitizers have a thread of their own among them."""
+    threads = [int(entry) for entry in os.listdir(f"/proc/{pid}/task")]
+    return {thread: (os.sched_getscheduler(thread), os.sched_getparam(thread).sched_priority) for thread in threads}
 
 
 def test_only_the_audio_manager_is_real_time(daemon):
@@ -256,8 +259,10 @@ def test_only_the_audio_manager_is_real_time(daemon):
     daemon.start()
     daemon.wait_bound()
     beats.recv(16)
-    other = (os.SCHED_OTHER, 0)
-    assert schedulers(daemon.pid) == [other, (os.SCHED_FIFO, 80), other]
+    found = list(schedulers(daemon.pid).values())
+    assert len(found) >= 3
+    assert found.count(REAL_TIME) == 1
+    assert found.count((os.SCHED_OTHER, 0)) == len(found) - 1
 
 
 def test_daemon_goes_on_without_real_time_priority(daemon):
@@ -275,7 +280,7 @@ def test_idle_loop_runs_about_200_times_a_second(daemon):
     beats = daemon.receiver(HEARTBEAT_PORT)
     daemon.start()
     daemon.wait_bound()
-    thread = sorted(int(entry) for entry in os.listdir(f"/proc/{daemon.pid}/task"))[1]
+    thread = next(thread for thread, found in schedulers(daemon.pid).items() if found == REAL_TIME)
     beats.recv(16)
     begin, before = time.monotonic(), waits()
     beats.recv(16)
@@ -321,6 +326,7 @@ def test_beat_that_cannot_be_sent_ends_the_process(tmp_path):
 @pytest.fixture
 def running(daemon):
     daemon.start()
+    daemon.wait_log("Spawned heartbeat thread")  # main's last line: the audio manager may be faster
     daemon.wait_bound()
     unknown_request(daemon)
     daemon.mark()
