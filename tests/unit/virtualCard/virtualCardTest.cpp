@@ -160,6 +160,14 @@ TEST_F(VirtualCardPlayback, UnderrunHappensWhenTheLastFrameHasPassed)
     EXPECT_TRUE(logHas("underrun at=5.010000000 seen_after_ms=15.000 position=480 total=480 forced=0 number=1"));
 }
 
+TEST_F(VirtualCardPlayback, UnderrunIsSeenAtTheVeryMomentTheRingIsEmpty)
+{
+    openCard();
+    writeFrames(ringFrames, t0);
+    card->start(t0);
+    EXPECT_EQ(card->advance(t0 + 10 * ms, false), Motion::xrun);
+}
+
 TEST_F(VirtualCardPlayback, GapAfterAnUnderrunIsRecordedAsSilence)
 {
     openCard();
@@ -440,6 +448,15 @@ TEST_F(VirtualCardCapture, WakeComesWhenAPeriodIsThere)
     EXPECT_EQ(card->armWake(t0, false), t0 + ms);
     EXPECT_EQ(card->afterWake(t0 + ms - 1, false), Readiness::notYet);
     EXPECT_EQ(card->afterWake(t0 + ms, false), Readiness::ready);
+}
+
+TEST_F(VirtualCardCapture, CaptureHasItsOwnFaults)
+{
+    settings.set("faults", "start=EBUSY");
+    settings.set("captureFaults", "start=ENODEV");
+    openCard(true);
+    EXPECT_EQ(card->start(t0), -ENODEV);
+    EXPECT_EQ(card->start(t0), 0);
 }
 
 TEST_F(VirtualCardCapture, CaptureHasItsOwnRate)
