@@ -282,6 +282,16 @@ TEST(OsaMutex, GuardsLockAndUnlockForAScope)
     osaReleaseMutex(&mutex);
 }
 
+TEST(OsaMutexDeathTest, LockWithoutCreationEndsTheProcess)
+{
+    mutexObject never;
+    EXPECT_DEATH(osaLock(&never), "contextOf");
+    mutexObject released;
+    ASSERT_EQ(osaCreateMutex(&released), OSA_OK);
+    osaReleaseMutex(&released);
+    EXPECT_DEATH(osaTryLock(&released), "contextOf");
+}
+
 // ---- semaphores
 
 TEST(OsaSemaphore, NullIsRefusedWithTheMutexText)
@@ -299,6 +309,7 @@ TEST(OsaSemaphore, SixtyFifthIsRefusedAndTheLowestSlotReused)
         EXPECT_EQ(semaphore.id.type, ID_THREAD_OBJECT);
     }
     semaphoreObject one;
+    one.id.index = 5;
     CaptureStdout();
     EXPECT_EQ(osaCreateSemaphore(&one, 0), OSA_NO_RESOURCE);
     EXPECT_THAT(GetCapturedStdout(), reports("osaCreateSemaphore", "No available semaphore context found\n"));
@@ -404,6 +415,7 @@ TEST(OsaThread, SixtyFifthIsRefusedAndTheLowestSlotReused)
         ASSERT_EQ(osaCreateThread(&thread), OSA_OK); // an ended thread keeps its slot until it is joined
     }
     threadObject one = counting(runs);
+    one.id.index = 5;
     CaptureStdout();
     EXPECT_EQ(osaCreateThread(&one), OSA_NO_RESOURCE);
     EXPECT_THAT(GetCapturedStdout(), reports("osaCreateThread", "No available thread context found\n"));
