@@ -8,7 +8,6 @@
 The build under test is $AUDIOPLAYER_BUILD, build/release if that is not set.
 """
 import os
-import struct
 import sys
 import wave
 from pathlib import Path
@@ -113,11 +112,3 @@ class VirtualCards:
     def true_rate(self, card=PLAYBACK):
         """Frames a second by the card's log: position over time, whatever the test's clock did."""
         return measureRecording.true_rate([entry for entry in self.all_events() if entry[1] == card])
-
-
-def write_raw_header(path, data_bytes):
-    """Helper for tests of broken files: a WAV header that claims `data_bytes`."""
-    with open(path, "wb") as stream:
-        stream.write(b"RIFF" + struct.pack("<I", 36 + data_bytes) + b"WAVEfmt ")
-        stream.write(struct.pack("<IHHIIHH", 16, 1, 2, 48000, 192000, 4, 16))
-        stream.write(b"data" + struct.pack("<I", data_bytes))
