@@ -13,3 +13,9 @@ target_link_options(AudioManagerTest PRIVATE
 
 player_unit_test(HeartbeatTest SOURCES HeartbeatTest.cpp ${PROJECT_SOURCE_DIR}/src/Heartbeat.cpp LINK daemonShell)
 target_link_options(HeartbeatTest PRIVATE -Wl,--wrap=socket -Wl,--wrap=sendto -Wl,--wrap=usleep)
+
+# The process's entry under another name, for the test has a main of its own.
+player_unit_test(MainTest SOURCES MainTest.cpp ${PROJECT_SOURCE_DIR}/src/Main.cpp LINK daemonShell PkgConfig::SQLITE)
+set_source_files_properties(${PROJECT_SOURCE_DIR}/src/Main.cpp PROPERTIES COMPILE_DEFINITIONS main=playerMain)
+target_compile_definitions(MainTest PRIVATE AUDIOPLAYER_VERSION="${PROJECT_VERSION}")
+target_link_options(MainTest PRIVATE -Wl,--wrap=pthread_create -Wl,--wrap=pthread_detach -Wl,--wrap=usleep)
