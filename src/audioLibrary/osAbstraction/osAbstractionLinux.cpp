@@ -120,13 +120,13 @@ osaStatus osaCreateThread(threadObject* thread)
     takeSlot(thread->id, slot);
 
     const int result = pthread_create(&context->pthread, nullptr, thread->threadFn, thread->threadPtr);
-    if (result < 0) {
-        OSA_ERROR_PRINTF("Thread creation error %d\n", result);
-        osaExitThread(thread);
-        return OSA_THREAD_ERROR;
-    }
     if (result != 0) {
         context->pthread = {}; // the library may have left the name of a thread that never came to be
+    }
+    if (result < 0) {
+        OSA_ERROR_PRINTF("Thread creation error %d\n", result);
+        osaExitThread(thread); // joins nothing, though an object used before may still say that it runs
+        return OSA_THREAD_ERROR;
     }
     thread->running = 1;
     return OSA_OK;

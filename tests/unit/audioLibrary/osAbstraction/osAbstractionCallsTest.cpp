@@ -30,8 +30,8 @@ struct Refusal {
     }
 };
 
-Refusal wait;
-Refusal tryWait;
+Refusal refusedWait;
+Refusal refusedTryWait;
 std::optional<int> threadAnswer;
 const pthread_attr_t* threadAttributes = nullptr;
 const pthread_mutexattr_t* mutexAttributes = nullptr;
@@ -44,8 +44,8 @@ class OsaCalls : public testing::Test
 protected:
     void SetUp() override
     {
-        wait = {};
-        tryWait = {};
+        refusedWait = {};
+        refusedTryWait = {};
         threadAnswer.reset();
     }
 };
@@ -87,13 +87,13 @@ int __wrap_sem_init(sem_t* semaphore, int pshared, unsigned int value)
 int __real_sem_wait(sem_t* semaphore);
 int __wrap_sem_wait(sem_t* semaphore)
 {
-    return wait.apply() ? -1 : __real_sem_wait(semaphore);
+    return refusedWait.apply() ? -1 : __real_sem_wait(semaphore);
 }
 
 int __real_sem_trywait(sem_t* semaphore);
 int __wrap_sem_trywait(sem_t* semaphore)
 {
-    return tryWait.apply() ? -1 : __real_sem_trywait(semaphore);
+    return refusedTryWait.apply() ? -1 : __real_sem_trywait(semaphore);
 }
 }
 
@@ -101,9 +101,9 @@ TEST_F(OsaCalls, AWaitCutShortBySignalIsNotRepeated)
 {
     semaphoreObject semaphore;
     ASSERT_EQ(osaCreateSemaphore(&semaphore, 0), OSA_OK);
-    wait.error = EINTR;
+    refusedWait.error = EINTR;
     EXPECT_EQ(osaWaitSemaphore(&semaphore), OSA_OK);
-    EXPECT_EQ(wait.calls, 1);
+    EXPECT_EQ(refusedWait.calls, 1);
     osaReleaseSemaphore(&semaphore);
 }
 
@@ -111,13 +111,13 @@ TEST_F(OsaCalls, OnlyAnEmptySemaphoreIsNotAvailable)
 {
     semaphoreObject semaphore;
     ASSERT_EQ(osaCreateSemaphore(&semaphore, 1), OSA_OK);
-    tryWait.error = EAGAIN;
+    refusedTryWait.error = EAGAIN;
     EXPECT_EQ(osaTryWaitSemaphore(&semaphore), OSA_SEMAPHORE_NOT_AVAILABLE);
-    tryWait.error = EINTR;
+    refusedTryWait.error = EINTR;
     EXPECT_EQ(osaTryWaitSemaphore(&semaphore), OSA_SEMAPHORE_ERROR);
-    tryWait.error = EINVAL;
+    refusedTryWait.error = EINVAL;
     EXPECT_EQ(osaTryWaitSemaphore(&semaphore), OSA_SEMAPHORE_ERROR);
-    tryWait.error.reset();
+    refusedTryWait.error.reset();
     EXPECT_EQ(osaTryWaitSemaphore(&semaphore), OSA_OK);
     osaReleaseSemaphore(&semaphore);
 }
