@@ -202,6 +202,21 @@ TEST_F(AudioPort, CheckAdoptsVariableFieldsWithoutAWord)
     expectSameParams(record, offered);
 }
 
+/** A port with an id of its own. */
+class PortWithId : public BarePort
+{
+public:
+    using BarePort::BarePort;
+    runTimeId getRunTimeId() override { return MIXER_FIFO_USP; }
+};
+
+TEST_F(AudioPort, CheckBeginsWithTheBlockAndTheIdOfThePort)
+{
+    PortWithId port(source);
+    audioPortParam_t record;
+    EXPECT_EQ(traced(1, [&] { port.reconfigPortCheck(&record); }), (Lines{"(1) Reconfig check SOURCE type 18"}));
+}
+
 TEST_F(AudioPort, CheckTellsEveryFixedFieldThatDiffersInOrder)
 {
     audioPortParam_t fixed;
@@ -313,6 +328,29 @@ TEST_F(AudioPort, TheMutexPlaysNoPart)
     mutexObject noMutexBehindIt;
     EXPECT_EQ(out().connectDownstream(&in(), &noMutexBehindIt), STREAM_OK);
     expectJoined();
+}
+
+/** An input that keeps the mutex that the output passed it. */
+class MutexKeeper : public ProbeDSP
+{
+public:
+    using ProbeDSP::ProbeDSP;
+    streamStatus connectUpstream(CUpstreamPort* port, mutexObject* mutex) override
+    {
+        passed = mutex;
+        return ProbeDSP::connectUpstream(port, mutex);
+    }
+    mutexObject notYetCalled;
+    mutexObject* passed = &notYetCalled;
+};
+
+TEST_F(AudioPort, TheMutexIsNotPassedOn)
+{
+    MutexKeeper keeper(sink, "KEEPER");
+    mutexObject mutex;
+    EXPECT_EQ(out().connectDownstream(&keeper, &mutex), STREAM_OK);
+    EXPECT_EQ(keeper.passed, nullptr);
+    out().disconnect();
 }
 
 TEST_F(AudioPort, VariableInputTakesTheValuesOfTheOutput)
@@ -633,6 +671,25 @@ TEST_F(PeriodCount, FiveSecondsWrap)
 {
     // 5000000000 - 2^32 = 705032704: (1 - 0.2 * 0.705032704) * 40000 + 102.4 = 34462.138
     EXPECT_NEAR(after(40000.0F, {5, 0}), 34462.138F, 0.01F);
+}
+
+TEST_F(PeriodCount, WithoutAStartTheIntervalIsTheWrappedTimeOfTheClock)
+{
+    // 1000 s since zero: 1000 * 10^9 mod 2^32 = 3567587328; (1 - 0.2 * 3.567587328) * 10000 + 102.4 = 2967.2253
+    BarePort fresh(nullptr);
+    fresh.avgRate = 10000.0F; // whatever it holds before the first start
+    fresh.incPeriodCount(1);
+    EXPECT_NEAR(fresh.avgRate, 2967.2253F, 0.01F);
+    EXPECT_EQ(fresh.lastCountTime.nextServiceTime.tv_sec, 1000);
+    // At the right pace each call of the fast branch leaves 1 - 0.2 * 0.010666667 of the distance: 4000 calls are more
+    // than the 2883 that bring 45033 down to the 96 of the band.
+    for (int i = 0; i < 4000; i++) {
+        CServiceTime next = fresh.lastCountTime;
+        next += 10666667;
+        clockTime() = next.nextServiceTime;
+        fresh.incPeriodCount(1);
+    }
+    EXPECT_NEAR(fresh.avgRate, 48000.0F, 100.0F);
 }
 
 TEST_F(PeriodCount, SeveralPeriodsEarnOneCredit)

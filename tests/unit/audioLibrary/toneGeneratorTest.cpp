@@ -406,6 +406,13 @@ TEST_F(ToneGenerator, AcknowledgingCountsAndMakesRoom)
     EXPECT_EQ(request(), (std::vector<int16_t>{499, 599, 699, 799, 899}));
 }
 
+TEST_F(ToneGenerator, EveryAcknowledgedPeriodIsCounted)
+{
+    connect(1, SAMPLE_S16BIT_LE, 5);
+    out().ackReadPeriods(3);
+    EXPECT_EQ(out().getPeriodCount(), 3);
+}
+
 TEST_F(ToneGenerator, AnyRecordIsAcceptedUnchanged)
 {
     audioPortParam_t record = allFixedOddValues();
