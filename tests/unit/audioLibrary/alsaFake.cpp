@@ -363,12 +363,12 @@ int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int
     const char* const direction = stream == SND_PCM_STREAM_PLAYBACK ? "PLAYBACK" : "CAPTURE";
     recordCall(std::string("snd_pcm_open(") + name + ", " + direction + ", " + std::to_string(mode) + ")");
     const int error = failureOf("snd_pcm_open");
+    handles.push_back({error == 0});
+    *pcm = &handles.back(); // after a failure a handle that is good for nothing: the library promises no null
     if (error != 0) {
         errno = -error;
         return error;
     }
-    handles.push_back({true});
-    *pcm = &handles.back();
     return 0;
 }
 
