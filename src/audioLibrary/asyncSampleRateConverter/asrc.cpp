@@ -138,13 +138,14 @@ asrcHandle asrcInit(asrcConfig* config)
 int asrcSetRates(asrcHandle handle, unsigned int inRate, unsigned int outRate)
 {
     asrcObject* object = record(handle);
-    // A header may name a rate of 0: no quotient exists, and a clock with it would never fire.
-    if (inRate == 0 || outRate == 0)
-        return ASRC_ERROR;
     if (inRate > outRate * 21u / 20u) { // the product wraps above 204522252 Hz, harmlessly: it refuses more
         std::fprintf(stderr, "ASRC only supports interpolation (Fout > Fin)\n");
         return ASRC_ERROR;
     }
+    // A file's header may name a rate of 0, and the block asks again on every pass: refused without a word. No quotient
+    // exists for it, and a clock charged with it would fire for ever or never.
+    if (inRate == 0 || outRate == 0)
+        return ASRC_ERROR;
     object->accDecrement = static_cast<int>(std::min(inRate, outRate));
     object->inputFreq = static_cast<int>(inRate);
     object->outputFreq = static_cast<int>(outRate);

@@ -26,22 +26,34 @@ struct asrcConfig {
     unsigned int nChannels; ///< 1 or 2
 };
 
-/** Makes a converter at 44100 Hz to 44100 Hz with an all-zero filter; null after a bad channel count or no memory. */
+/**
+ * Makes a converter at 44100 Hz to 44100 Hz with an all-zero filter, and prints the number of taps. The caller owns it
+ * until asrcDestroy. Null after a channel count other than 1 or 2 or without memory; the reason goes to stderr.
+ */
 asrcHandle asrcInit(asrcConfig* config);
 
 /**
- * Sets the rates, in whole hertz. The input may exceed the output by up to 5 per cent; what is beyond, or a rate of 0,
- * answers ASRC_ERROR and leaves the old rates in force. Neither clocks nor positions are touched, so no click.
+ * Sets the rates, in whole hertz. The input may exceed the output by up to 5 per cent; beyond, stderr says so. That and
+ * a rate of 0 answer ASRC_ERROR and leave the old rates in force. Neither clocks nor positions are touched, so no click.
  */
 int asrcSetRates(asrcHandle handle, unsigned int inRate, unsigned int outRate);
 
-/** The place where the next input frames go and how many fit there. Always ASRC_OK. */
+/**
+ * The place where the next input frames go, interleaved, and how many fit there; 0 when the ring is full. The place is
+ * the converter's own and good until the next call. Always ASRC_OK.
+ */
 int asrcReqInFrameBuffer(asrcHandle handle, short** buffer, unsigned int* nFrames);
 
-/** Tells that `nFrames` frames have been placed there; never more than were offered. Always ASRC_OK. */
+/**
+ * Tells that `nFrames` frames have been placed there. More than were offered spoils the audio until the reader has
+ * passed, and nothing else: the position wraps inside the ring. Always ASRC_OK.
+ */
 int asrcWriteInFrames(asrcHandle handle, unsigned int nFrames);
 
-/** Produces up to `n` frames into `buf` and returns how many; 0 when the input is used up. */
+/**
+ * Produces up to `n` interleaved frames into `buf` and returns how many; 0 when the input is used up or fewer than 144
+ * frames have come in since the start. A sample beyond 16 bits wraps.
+ */
 unsigned int asrcReadOutFrames(asrcHandle handle, short* buf, unsigned int n);
 
 /** The number of filter coefficients: 8192. */

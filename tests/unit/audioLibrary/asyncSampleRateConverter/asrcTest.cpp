@@ -265,14 +265,13 @@ TEST_F(AsrcTest, TheFivePercentAreReckonedIn32Bits)
     EXPECT_EQ(asrcSetRates(handle, 1, 204522252), ASRC_OK);
 }
 
-TEST_F(AsrcTest, ARateOfZeroIsRefusedSilently)
+TEST_F(AsrcTest, AnInputRateOfZeroIsRefusedSilently)
 {
     const asrcObject& object = make(2);
     asrcSetRates(handle, 44100, 48000);
     testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
     EXPECT_EQ(asrcSetRates(handle, 0, 48000), ASRC_ERROR);
-    EXPECT_EQ(asrcSetRates(handle, 44100, 0), ASRC_ERROR);
     EXPECT_EQ(asrcSetRates(handle, 0, 0), ASRC_ERROR);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
@@ -280,6 +279,16 @@ TEST_F(AsrcTest, ARateOfZeroIsRefusedSilently)
     EXPECT_EQ(object.outputFreq, 48000);
     EXPECT_EQ(object.accDecrement, 44100);
     EXPECT_EQ(object.ratio, 60211u);
+}
+
+TEST_F(AsrcTest, AnOutputRateOfZeroIsBelowAnyInputRate)
+{
+    const asrcObject& object = make(2);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(asrcSetRates(handle, 44100, 0), ASRC_ERROR);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ASRC only supports interpolation (Fout > Fin)\n");
+    EXPECT_EQ(object.outputFreq, 44100);
+    EXPECT_EQ(object.ratio, 65536u);
 }
 
 TEST_F(AsrcTest, ARateChangeInFlightTouchesNeitherClocksNorPositions)
