@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -91,6 +92,14 @@ TEST_F(AudioDatabaseSchema, AMissingDirectoryIsLoggedAndMade)
     EXPECT_TRUE(std::filesystem::is_regular_file("../audioplayerdatabase/audioDatabase.db"));
 }
 
+TEST_F(AudioDatabaseSchema, TheDirectoryIsMadeForEveryoneThatTheUmaskLeaves)
+{
+    const mode_t before = umask(0);
+    open();
+    umask(before);
+    EXPECT_EQ(std::filesystem::status("../audioplayerdatabase").permissions(), std::filesystem::perms::all);
+}
+
 TEST_F(AudioDatabaseSchema, AnExistingDirectoryIsNotMentioned)
 {
     std::filesystem::create_directory("../audioplayerdatabase");
@@ -105,6 +114,27 @@ TEST_F(AudioDatabaseSchema, OpeningShowsThreadSafetyAndForeignKeys)
     stderrOf([&] { words = stdoutOf([&] { database.open_audio_database(); }); });
     const std::string threadsafe = sqlite3_threadsafe() == 1 ? "TRUE" : "FALSE";
     EXPECT_EQ(words, "Threadsafe: " + threadsafe + "\nForeign Keys: ON\n");
+}
+
+TEST_F(AudioDatabaseSchema, OnlyTheAnswerOneIsThreadsafe)
+{
+    const std::pair<int, const char*> answers[] = {{0, "FALSE"}, {1, "TRUE"}, {2, "FALSE"}};
+    for (const auto& [answer, word] : answers) {
+        sqliteSpy.threadsafe = answer;
+        AudioDatabase fresh;
+        std::string words;
+        stderrOf([&] { words = stdoutOf([&] { fresh.open_audio_database(); }); });
+        fresh.close_audio_database();
+        EXPECT_EQ(words, std::string("Threadsafe: ") + word + "\nForeign Keys: ON\n");
+    }
+}
+
+TEST_F(AudioDatabaseSchema, ForeignKeysThatStayOffAreShownOff)
+{
+    sqliteSpy.foreignKeysStayOff = true;
+    std::string words;
+    stderrOf([&] { words = stdoutOf([&] { database.open_audio_database(); }); });
+    EXPECT_THAT(words, testing::EndsWith("\nForeign Keys: OFF\n"));
 }
 
 TEST_F(AudioDatabaseSchema, TheTextsRunInOrderByteForByteAfterThePragma)

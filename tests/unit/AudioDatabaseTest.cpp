@@ -614,6 +614,25 @@ TEST_F(Database, TheWalkPreparesTheItemsLookupInsideThePlaces)
     EXPECT_EQ(sqlite3_next_stmt(db, nullptr), nullptr);
 }
 
+TEST_F(Database, TheWalkLooksTheItemUpUnderItsOwnLabelAndFinalizesItFirst)
+{
+    fill(1, 1);
+    sqliteSpy.refuseFrom = 1; // the place is found, then nothing more is answered
+    PlaylistItem item;
+    const Lines lines = reportedBy([&] { EXPECT_FALSE(database.getNextPlaylistItem(1, 0, item)); });
+    const Lines labels = {"prepare statement select_item", "bind item_id to select_item", "step statement select_item",
+                          "finalize statement select_item", "finalize statement select_next_playlist_item"};
+    Lines expected;
+    for (size_t call = 0; call < labels.size(); ++call) {
+        if (call == 3)
+            expected.push_back("ERROR: Select playlist by id: 1 failed."); // told before the statements go
+        for (const std::string& line : twice("Cannot " + labels[call] + ".  " + sqlite3_errstr(SQLITE_ROW)))
+            expected.push_back(line);
+    }
+    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(item.getSequence(), 1u);
+}
+
 TEST_F(Database, AnItemWithoutPathIsNotFoundButItsTypeIsRead)
 {
     fill(1, 2);

@@ -281,6 +281,18 @@ TEST_F(AudioServiceTest, StatementsCarryTheirLabels)
     EXPECT_THAT(wrapperLines, Contains(StartsWith("ERROR: Cannot bind id to select_audio_source.  ")));
 }
 
+TEST_F(AudioServiceTest, StreamStatementCarriesItsLabel)
+{
+    sqliteSpy.refuseFrom = 1; // the source is found, its stream is not answered
+    const auto wrapperLines = loggedFrom("sqlite3Wrapper.cpp", [this] { (void)service->startPlayer(6); });
+    sqliteSpy.refuseFrom = SIZE_MAX;
+    EXPECT_THAT(wrapperLines,
+                ElementsAre(StartsWith("ERROR: Cannot prepare statement select_stream_by_id.  "),
+                            AllOf(StartsWith("ERROR: Cannot bind "), HasSubstr(" to select_stream_by_id.  ")),
+                            StartsWith("ERROR: Cannot step statement select_stream_by_id.  "),
+                            StartsWith("ERROR: Cannot finalize statement select_stream_by_id.  ")));
+}
+
 // ---- starting a stream
 
 TEST_F(AudioServiceTest, StartedInternetStreamAnswersAnErrorAndRuns)

@@ -1,6 +1,7 @@
 #include "persistenceSupport.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
 #include <regex>
 #include <sstream>
@@ -24,7 +25,7 @@ template <typename Function, typename... Arguments> int realSqlite(Function, con
 
 bool isRefused()
 {
-    return depth == 0 && sqliteSpy.refuseEverything;
+    return depth == 0 && (sqliteSpy.refuseEverything || sqliteSpy.prepared.size() > sqliteSpy.refuseFrom);
 }
 
 } // namespace
@@ -41,6 +42,11 @@ int sqlite3_open(const char* filename, sqlite3** db)
     return realSqlite(&sqlite3_open, "sqlite3_open", filename, db);
 }
 
+int sqlite3_threadsafe(void)
+{
+    return sqliteSpy.threadsafe == -1 ? realSqlite(&sqlite3_threadsafe, "sqlite3_threadsafe") : sqliteSpy.threadsafe;
+}
+
 int sqlite3_busy_timeout(sqlite3* db, int ms)
 {
     if (depth == 0)
@@ -52,6 +58,8 @@ int sqlite3_exec(sqlite3* db, const char* sql, int (*callback)(void*, int, char*
 {
     if (depth == 0)
         sqliteSpy.executed.emplace_back(sql);
+    if (depth == 0 && sqliteSpy.foreignKeysStayOff && strncmp(sql, "PRAGMA foreign_keys", 19) == 0)
+        sql = "PRAGMA foreign_keys = OFF; PRAGMA foreign_keys;";
     return realSqlite(&sqlite3_exec, "sqlite3_exec", db, sql, callback, arg, error);
 }
 

@@ -5,6 +5,8 @@
  * that a call reported.
  */
 
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -21,7 +23,10 @@ struct SqliteSpy {
     std::vector<int> busyTimeoutsMs;   ///< given to sqlite3_busy_timeout
     std::deque<int> stepAnswers;       ///< codes that the next steps give without a look at the statement; -1: real
     bool refuseEverything = false;     ///< prepare, bind, step and finalize answer SQLITE_ERROR
+    size_t refuseFrom = SIZE_MAX;      ///< the same from this prepare on; 0 is the first
     bool openLeavesNoHandle = false;   ///< sqlite3_open answers SQLITE_NOMEM and a null handle
+    int threadsafe = -1;               ///< sqlite3_threadsafe's answer; -1: real
+    bool foreignKeysStayOff = false;   ///< the pragma that asks for foreign keys does not take effect
 };
 extern SqliteSpy sqliteSpy;
 
