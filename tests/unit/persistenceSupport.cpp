@@ -132,8 +132,8 @@ std::string stdoutOf(const std::function<void()>& action)
 std::vector<std::string> reportedBy(const std::function<void()>& action)
 {
     static const std::regex logged(
-        R"(^[A-Z][a-z]+ \d\d, \d{4} \d\d:\d\d:\d\d [AP]M \[([A-Z]+)\] [A-Za-z0-9/]+\.cpp \d+: (.*)$)");
-    static const std::regex written(R"(^[A-Za-z0-9/]+\.cpp \d+: (.*)$)");
+        R"(^[A-Z][a-z]+ \d\d, \d{4} \d\d:\d\d:\d\d [AP]M \[([A-Z]+)\] [A-Za-z0-9]+\.cpp \d+: (.*)$)");
+    static const std::regex written(R"(^[A-Za-z0-9]+\.cpp \d+: (.*)$)");
     std::vector<std::string> lines;
     std::istringstream all(stderrOf(action));
     for (std::string line; std::getline(all, line);) {

@@ -38,7 +38,8 @@ std::string stdoutOf(const std::function<void()>& action);
 
 /**
  * The lines of what `action` wrote to stderr, without date, file and line: "ERROR: text" for those of LogEvent, "text"
- * for those written directly. A line that has not that shape comes out as "MALFORMED: " and itself.
+ * for those written directly. The file is named without a folder, as those at the top of the sources are. A line that
+ * has not that shape comes out as "MALFORMED: " and itself.
  */
 std::vector<std::string> reportedBy(const std::function<void()>& action);
 
