@@ -390,6 +390,30 @@ TEST_F(MixerInput, NothingReadyIsAcknowledgedAsNothing)
     EXPECT_EQ(input(0).m_frameCount, 10);
 }
 
+TEST_F(MixerInput, PeriodsWithoutMemoryAreNotTaken)
+{
+    class PromisingPort : public SourcePort
+    {
+    public:
+        using SourcePort::SourcePort;
+        streamStatus reqReadPeriods(char*& pbuffer, unsigned int& nPeriods) override
+        {
+            pbuffer = nullptr;
+            nPeriods = 1;
+            return STREAM_OK;
+        }
+    };
+    connectOutput();
+    PromisingPort promising(nullptr, shape(48000.0F, 0.0F, 2, SAMPLE_S16BIT_LE, 3));
+    CDownstreamPort* in = mixer.getNextDownstreamPort();
+    ASSERT_EQ(promising.connectDownstream(in, nullptr), STREAM_OK);
+    in->startAudio();
+    EXPECT_EQ(service(), STREAM_OK);
+    EXPECT_THAT(promising.acks, ElementsAre(0U));
+    EXPECT_EQ(input(0).m_frameCount, 10);
+    promising.disconnect();
+}
+
 TEST_F(MixerInput, FramesOverTheRingsEndAreSplitIntoTwoCopies)
 {
     connectOutput();
@@ -846,7 +870,9 @@ TEST_F(MixerDemand, FallsAsTheRingFillsUpToATenthOfAPercent)
     EXPECT_EQ(demandAt(49.0F), 48024.0F);
     EXPECT_EQ(demandAt(52.0F), 47952.0F); // the limit
     EXPECT_EQ(demandAt(60.0F), 47952.0F);
+    EXPECT_EQ(demandAt(53.0F), 47952.0F);
     EXPECT_EQ(demandAt(48.0F), 48048.0F);
+    EXPECT_EQ(demandAt(47.0F), 48048.0F);
     EXPECT_EQ(demandAt(0.0F), 48048.0F);
 }
 

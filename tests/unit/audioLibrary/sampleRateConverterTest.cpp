@@ -162,14 +162,14 @@ TEST_F(Converter, InputFollowsWithAllButFormatAndInterleaving)
 
 TEST_F(ConverterFilter, IsLoadedWhole)
 {
-    const int fd = lowestFreeDescriptor();
     Trace output(0);
+    const int fd = lowestFreeDescriptor();
     EXPECT_EQ(converter->populateFilterCoeff(&asrcFake), ASRC_OK);
+    EXPECT_EQ(lowestFreeDescriptor(), fd);
     EXPECT_EQ(output.stop(), "Loading 8192 taps\n");
     ASSERT_EQ(asrcFake.coefficients.size(), 8192U);
     EXPECT_EQ(asrcFake.coefficients.front(), -100);
     EXPECT_EQ(asrcFake.coefficients.back(), 8091);
-    EXPECT_EQ(lowestFreeDescriptor(), fd);
 }
 
 TEST_F(ConverterFilter, MissingFileIsTold)
@@ -184,12 +184,12 @@ TEST_F(ConverterFilter, MissingFileIsTold)
 TEST_F(ConverterFilter, ShortFileEndsTheLoadAndStoresNothing)
 {
     directory.write("FilterCoeff.bin", std::vector<short>(8191, 1));
-    const int fd = lowestFreeDescriptor();
     ErrorText errors;
+    const int fd = lowestFreeDescriptor();
     EXPECT_EQ(converter->populateFilterCoeff(&asrcFake), ASRC_ERROR);
+    EXPECT_EQ(lowestFreeDescriptor(), fd);
     EXPECT_EQ(errors.stop(), "Unable to read filter coefficient file\n");
     EXPECT_THAT(asrcFake.calls, IsEmpty());
-    EXPECT_EQ(lowestFreeDescriptor(), fd);
 }
 
 TEST_F(ConverterFilter, EmptyFileAndDirectoryEndTheLoad)
@@ -652,6 +652,20 @@ TEST_F(ConverterBuffers, APlaceBeyondAShorterPeriodIsRefilled)
     converter->out_ptr_frames = 100;
     converter->serviceBuffers();
     EXPECT_TRUE(converter->workBufferFull);
+}
+
+TEST_F(ConverterBuffers, APeriodThatShrankIsTakenAlone)
+{
+    configure();
+    in().params.periodSize = source.port().params.periodSize = 2;
+    converter->in_ptr_frames = 2;
+    source.port().give(numbers(1, 12));
+    asrcFake.outFrames = {4};
+    converter->serviceBuffers();
+    EXPECT_EQ(asrcFake.written, numbers(1, 4));
+    // The rest of the buffer, made for six frames, is not filled from what the source lent.
+    EXPECT_THAT(std::vector<char>(converter->in_workbuffer_frames + 8, converter->in_workbuffer_frames + 24),
+                Each('\0'));
 }
 
 TEST_F(ConverterBuffers, APeriodThatOutgrewItsBufferStaysInBounds)
