@@ -241,6 +241,7 @@ console::~console() = default;
 
 int console::addCmd(void* ptr, const char* c, const char* h, void (*handler)(const void*, const char*))
 {
+    note("command " + std::string(c));
     script.commands.push_back({ptr, c, h, handler});
     return 0;
 }
@@ -504,9 +505,10 @@ TEST_F(ControlDatagram, StartCutOffAfterTheChannelStartsSourceZero)
 TEST_F(AudioManagerThread, SetsUpInOrder)
 {
     EXPECT_THAT(run(), MatchesRegex(line("DEBUG", "Success! Policy = RealTime-FIFO, Priority = 80")));
-    const std::vector<std::string> calls(script.calls.begin(), script.calls.begin() + 6);
-    EXPECT_THAT(calls, ElementsAre("console made with Player:> ", "scheduler 0 fifo 80", "socket inet dgram 0", "bind",
-                                   "prompt", "automation init"));
+    const std::vector<std::string> calls(script.calls.begin(), script.calls.begin() + 13);
+    EXPECT_THAT(calls, ElementsAre("console made with Player:> ", "command blocks", "command chains", "command start",
+                                   "command stop", "command connect", "command graph", "command tl",
+                                   "scheduler 0 fifo 80", "socket inet dgram 0", "bind", "prompt", "automation init"));
 }
 
 TEST_F(AudioManagerThread, RegistersSevenCommandsInOrder)
