@@ -588,6 +588,19 @@ TEST_F(MixerInput, TheSlowestPlayingInputEndsTheRegion)
     EXPECT_EQ(mixer.m_writeFramePtr, 13);
 }
 
+// An input behind the region's end by more than the write position takes the sum below zero. It is unsigned, so the
+// remainder is that of 2^32 - 5: 2^32 leaves 16 of 20, less 5 is 11.
+TEST_F(MixerInput, TheEndOfTheRegionMovesByAnUnsignedSum)
+{
+    connectOutput();
+    addSource();
+    place(0, 3, 10);
+    input(0).m_frameCount = 2;
+    service();
+    EXPECT_EQ(mixer.m_writeFramePtr, 11);
+    EXPECT_EQ(mixer.m_frameCount, 2U);
+}
+
 TEST_F(MixerInput, AStalledInputLetsTheRingRunDryAndAllStartOverAtMidRing)
 {
     connectOutput();
@@ -639,6 +652,17 @@ TEST_F(MixerInput, AStoppedInputHoldsNobodyBackAndForgetsItsPlace)
     EXPECT_EQ(input(1).portPlaybackState, AUDIO_STOPPED);
     EXPECT_EQ(input(1).m_frameCount, 0);
     EXPECT_EQ(input(1).m_writeFramePtr, 0);
+}
+
+TEST_F(MixerInput, APausedInputStopsAndKeepsItsPlace)
+{
+    connectOutput();
+    addSource();
+    input(0).m_writeFramePtr = 5;
+    EXPECT_EQ(input(0).pauseAudio(), STREAM_OK);
+    EXPECT_EQ(input(0).portPlaybackState, AUDIO_STOPPED);
+    EXPECT_EQ(input(0).m_frameCount, 10);
+    EXPECT_EQ(input(0).m_writeFramePtr, 5);
 }
 
 TEST_F(MixerInput, StartJoinsAtTheEndOfTheRegionAndLeavesTheRateAlone)
@@ -1225,7 +1249,9 @@ TEST_F(MixerNegotiation, AChangedOutputIsRefusedWhileAnInputIsConnected)
         Trace trace(1);
         changed.trueSampleRate = 47990.0F;
         EXPECT_EQ(output().reconfigPortApply(&changed), STREAM_OK);
-        EXPECT_THAT(trace.lines(), Contains("1 Setting format to 4"));
+        // The format is told before the ring of that format is built.
+        EXPECT_THAT(trace.lines(),
+                    ElementsAre("1 Setting format to 4", testing::StartsWith("0 ********* Buffer starts at ")));
     }
     EXPECT_EQ(mixer.m_bufferSizeFrame, 10);
     EXPECT_EQ(mixer.sourceBlockRate, 47990.0F);
