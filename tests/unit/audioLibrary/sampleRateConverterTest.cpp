@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <limits>
 #include <memory>
 #include <numeric>
 #include <unistd.h>
@@ -474,6 +475,19 @@ TEST_F(ConverterService, SteeredFollowsTheDemandInWholeHertz)
     // 44100 / 47982.75 and 44100 / 47982.5
     EXPECT_THAT(trace.lines(), ElementsAre("5 Tracking rate to   44100.000000 => 47982.750000    Ratio: 0.919080.",
                                            "5 Tracking rate to   44100.000000 => 47982.500000    Ratio: 0.919085."));
+}
+
+TEST_F(ConverterService, ARateThatIsNoWholeNumberOf32BitsSaturates)
+{
+    configure();
+    converter->workBufferFull = true;
+    in().params.nominalSampleRate = 5e9F;
+    service();
+    in().params.nominalSampleRate = -1.0F;
+    service();
+    in().params.nominalSampleRate = std::numeric_limits<float>::quiet_NaN();
+    service();
+    EXPECT_THAT(asrcFake.calls, ElementsAre("setRates 4294967295 48000", "setRates 0 48000", "setRates 0 48000"));
 }
 
 TEST_F(ConverterService, SteeredFollowsASourceThatLearnsItsRateLate)
