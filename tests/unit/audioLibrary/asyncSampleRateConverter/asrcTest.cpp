@@ -648,6 +648,22 @@ TEST_P(AsrcFrame, AFilterOfSteepStepsIsInterpolatedAllTheSame)
     EXPECT_EQ(object.FilterBuffer[4], -16384); // (192 x -32768 + 64 x 32767) / 256 = -16384.25
 }
 
+TEST_P(AsrcFrame, StepsAroundTheLimitOf16BitInterpolationAreExact)
+{
+    Samples table(8192);
+    table[4 * 256 + 7] = -8000;
+    table[5 * 256 + 7] = 8000;
+    for (const int step : {16383, 16384}) {
+        table[4 * 256 + 8] = static_cast<int16_t>(-8000 + step);
+        table[5 * 256 + 8] = static_cast<int16_t>(8000 - step);
+        const asrcObject& object = ready(2, table, (9u << 16) | 0x0740);
+        read(1);
+        // 16383: -8000 + 64 x 16383 / 256 = -3904.25; 16384: -3904 exactly
+        EXPECT_EQ(object.FilterBuffer[4], -3904) << step;
+        EXPECT_EQ(object.FilterBuffer[5], 3904) << step;
+    }
+}
+
 TEST_P(AsrcFrame, NoAllocationOnceTheFilterIsStored)
 {
     make(2, oneTap(16, 32767));
