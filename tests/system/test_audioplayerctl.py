@@ -312,10 +312,11 @@ def test_deleting_the_target_of_a_jump_is_told(filled):
     (wav(9, channels=3), "it has 3 channels, at most 2 can be"),
     (wav(9, rate=48001), "its sample rate is 48001 Hz, at most 48000 can be"),
     (wav(9, bits=24), "it has 24 bits a sample, needed are 16"),
-    (wav(9000, bits=8), "it has 8 bits a sample, needed are 16"),
-    (wav(9000, bits=32), "it has 32 bits a sample, needed are 16"),
+    (wav(9000, rate=44100, bits=8), "it has 8 bits a sample, needed are 16"),
+    (wav(9000, rate=47999, bits=32), "it has 32 bits a sample, needed are 16"),
     (wav(9000, channels=0), "its header says 0 channels"),
     (wav(9000, rate=0), "its header says a sample rate of 0"),
+    (wav(9000, bits=8, channels=0), "its header says 0 channels"),
     (wav(9000)[:36], "no data chunk is found"),
     (wav(9000, before=b"LIST" + struct.pack("<I", 3) + b"abc\0"), "no data chunk is found"),
     (wav(9000, fmt=b"\0\0"), "its fmt chunk has 18 bytes, needed are 16, and the data is not found behind it"),
@@ -323,6 +324,14 @@ def test_deleting_the_target_of_a_jump_is_told(filled):
 def test_a_file_that_will_not_play_is_told_and_added(morning, content, reason):
     assert morning.warnings(content) == ["it will not play: " + reason]
     assert len(morning.walk("morning")) == 1
+
+
+@pytest.mark.parametrize("bits", [8, 32])
+@pytest.mark.parametrize("channels", [1, 2])
+def test_an_odd_width_at_the_mixers_rate_is_told_to_be_noise(morning, channels, bits):
+    """Nothing refuses such a file: unlike at other rates the converter's input takes its format over."""
+    assert morning.warnings(wav(9000, rate=48000, channels=channels, bits=bits)) == [
+        f"it is heard as noise: it has {bits} bits a sample, needed are 16"]
 
 
 @pytest.mark.parametrize("content", [

@@ -21,6 +21,7 @@ constexpr uint32_t WAV_HEADER_BYTES = 36; ///< what the player reads at once: RI
 constexpr uint32_t CHUNK_HEADER_BYTES = 8;
 constexpr uint32_t FMT_CHUNK_BYTES = 16;
 constexpr uint32_t MAX_RATE_HZ = 48000;
+constexpr uint32_t MIXER_RATE_HZ = 48000;
 
 /** Whether the player of this version has a source for MP3 files; without one it skips them, half a second each. */
 constexpr bool PLAYS_MP3 = false;
@@ -48,7 +49,7 @@ std::string number(uint64_t value)
 /** The player's millisecond count of what is left, in its own arithmetic, is 0. */
 bool readsAsNothingLeft(uint64_t leftFrames, uint32_t rateHz)
 {
-    return static_cast<double>(static_cast<float>(leftFrames) / static_cast<float>(rateHz)) * 1000.0 < 1.0;
+    return static_cast<float>(leftFrames) / static_cast<float>(rateHz) * 1000.0F < 1.0F;
 }
 
 struct WavHeader {
@@ -76,16 +77,19 @@ std::string headerRefusal(const unsigned char* header)
     return "";
 }
 
-/** What passes the header tests and still gives no sound. */
-std::string silentFormat(const WavHeader& header)
+/** What passes the header tests and is still not heard as it should be; empty for a format that plays. */
+std::string unplayableFormat(const WavHeader& header)
 {
-    if (header.bitsPerSample != 16) // the rate converter takes 16 bits only, so the file's port can't be connected
-        return "it has " + number(header.bitsPerSample) + " bits a sample, needed are 16";
     if (header.numChannels == 0)
-        return "its header says 0 channels";
+        return "it will not play: its header says 0 channels";
     if (header.rateHz == 0)
-        return "its header says a sample rate of 0";
-    return "";
+        return "it will not play: its header says a sample rate of 0";
+    if (header.bitsPerSample == 16)
+        return "";
+    // The rate converter works on 16 bits. Where it has rates to convert its input refuses another format; at the
+    // mixer's own rate it takes the file's over, and reads the bytes as 16-bit samples all the same.
+    return (header.rateHz == MIXER_RATE_HZ ? "it is heard as noise: it has " : "it will not play: it has ") +
+           number(header.bitsPerSample) + " bits a sample, needed are 16";
 }
 
 /**
@@ -153,9 +157,9 @@ void inspectWav(FILE* file, AudioFile& result)
                                             " bytes, needed are 16, and the data is not found behind it");
         return;
     }
-    const std::string silence = silentFormat(header);
-    if (!silence.empty())
-        result.warnings.push_back("it will not play: " + silence);
+    const std::string fault = unplayableFormat(header);
+    if (!fault.empty())
+        result.warnings.push_back(fault);
     if (header.numChannels == 0 || header.rateHz == 0)
         return;
 
@@ -168,7 +172,7 @@ void inspectWav(FILE* file, AudioFile& result)
     const uint64_t declaredFrames = dataBytes / frameBytes;
     const uint64_t storedFrames = (storedBytes + frameBytes - 1) / frameBytes;
     result.numFrames = static_cast<uint32_t>(std::min(declaredFrames, storedFrames));
-    if (!silence.empty())
+    if (!fault.empty())
         return;
     if (storedBytes == 0) {
         result.warnings.push_back("it is not heard: it holds no audio");
