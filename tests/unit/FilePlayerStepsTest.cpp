@@ -1099,6 +1099,21 @@ TEST_F(FilePlayerJumps, IndexStartsAnewInTheTargetPlaylist)
     EXPECT_THAT(opened(), ElementsAre("second1.wav"));
 }
 
+TEST_F(FilePlayerJumps, EntriesBeforeTheJumpDoNotCountInTheTargetPlaylist)
+{
+    ASSERT_EQ(addPlaylist("second"), 2);
+    addEntry(2, 1, ItemType::WAV, "x.wav");
+    addEntry(2, 2, ItemType::WAV, "y.wav");
+    addEntry(playlist, 1, ItemType::WAV, "first.wav");
+    addEntry(playlist, 2, ItemType::JUMP, "ITEM_TYPE_JUMP:2:1");
+    build();
+    (void)start();
+    (void)endOf("first.wav");
+    EXPECT_THAT(opened(), ElementsAre("x.wav"));
+    (void)endOf("x.wav");
+    EXPECT_THAT(opened(), ElementsAre("y.wav"));
+}
+
 TEST_F(FilePlayerJumps, SequencesZeroAndOneAreTheStartOfThePlaylist)
 {
     jump("ITEM_TYPE_JUMP 2 0");
