@@ -147,6 +147,16 @@ def test_at_48_khz_an_odd_width_joins_and_does_no_harm(station, bits, kind):
     assert station.daemon.alive()
 
 
+@pytest.mark.parametrize("field", ["rate_field", "channels_field"])
+def test_a_header_that_says_zero_does_not_hold_up_the_playlist(station, field):
+    """Such a file opens and is got through; a rate of 0 leaves the converter at the clocks it was made with."""
+    odd = station.wav("odd.wav", samples=noise(20000, seed=4), **{field: 0})
+    good = station.wav("good.wav", frames=60000)
+    station.boot().on_air(station.playlist("zero", [odd, good]))
+    station.daemon.wait_log(r"(?s)WavFilePlayer: .*odd.*WavFilePlayer: .*good.*WavFilePlayer: .*odd", 30)
+    assert station.daemon.alive()
+
+
 def test_restart_on_the_same_database_plays_again(station):
     item = station.wav("item.wav", frames=30000)
     station.boot()

@@ -44,6 +44,21 @@ inline uint32_t asrcCorrection(uint32_t depth)
 }
 
 /**
+ * Counts off at once the ticks at which neither clock fires. With a decrement of the smaller rate there are none; with
+ * the 1 that a converter starts with, which a source without a valid rate never changes, there are tens of thousands a
+ * frame, and the audio loop would stand still over them.
+ */
+inline void asrcSkipIdleTicks(asrcClocks& c)
+{
+    if (asrcFires(c.outputAcc) || asrcFires(c.inputAcc) || static_cast<int32_t>(c.accDecrement) <= 0)
+        return;
+    const uint32_t nearest = c.outputAcc < c.inputAcc ? c.outputAcc : c.inputAcc;
+    const uint32_t ticks = (nearest - 1) / c.accDecrement + 1; // the first of them at which it is 0 or less
+    c.outputAcc -= ticks * c.accDecrement;
+    c.inputAcc -= ticks * c.accDecrement;
+}
+
+/**
  * Runs clock ticks until `nFrames` frames are made or the input is used up. The clock of the faster side fires on every
  * tick; where the caller has found that out, the constant spares the test.
  */
@@ -53,6 +68,8 @@ inline void asrcRunClocks(asrcClocks& clocks, Engine& engine, const sampleint (*
 {
     asrcClocks c = clocks;
     do {
+        if (!outputAlwaysFires && !inputAlwaysFires)
+            asrcSkipIdleTicks(c);
         if (outputAlwaysFires || asrcFires(c.outputAcc)) {
             const uint32_t depth = (c.iWrite - (c.iRead >> 16)) & (kAsrcRingFrames - 1);
             if (!outputAlwaysFires)
