@@ -2,6 +2,8 @@
 
 AutomationAPI::AutomationAPI(AudioDatabase* database) : db(database) {}
 
+AutomationAPI::~AutomationAPI() = default;
+
 int AutomationAPI::init()
 {
     return 0;
@@ -11,5 +13,3 @@ int AutomationAPI::service()
 {
     return 0;
 }
-
-void AutomationAPI::sendPlayingNowTransaction(PlaylistItem*) {}

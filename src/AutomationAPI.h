@@ -1,31 +1,83 @@
 #pragma once
 
 /**
- * Studio automation's hand on the player, polled by the audio manager loop.
+ * Studio automation's hand on the player: XML transactions over the one TCP connection on port 8500.
  *
- * Nothing listens yet: no socket is opened and nothing is sent. Thread: audio manager. No lock.
+ *   in:  bytes of the peer, found to be transactions, parsed, dispatched by their `command`
+ *   out: one answer for each request, and `playingNow` for each item that goes on air
+ *
+ * Polled: init() once, then service() once on each pass of the audio manager's loop, so a command may work on the
+ * database and start or stop a player directly, and holds up the pass for as long as it takes.
+ * Thread: audio_manager. No lock.
+ *
+ * AutomationAPI.cpp is the server (framing, dispatch, answer), AutomationCommands.cpp the commands.
  */
+
+#include "audioLibrary/osAbstraction/osAbstraction.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
 
 class AudioDatabase;
 class PlaylistItem;
+class TiXmlElement;
+class TiXmlNode;
 
 class AutomationAPI
 {
 public:
     /** @param database  not owned */
     explicit AutomationAPI(AudioDatabase* database);
+    ~AutomationAPI();
     AutomationAPI(const AutomationAPI&) = delete;
     AutomationAPI& operator=(const AutomationAPI&) = delete;
 
-    /** Called once at the head of the audio manager's thread. Answers 0. */
+    /**
+     * Opens the listening socket; called once at the head of the audio manager's thread.
+     * @return 0; -1 if the socket can't be opened, which service() then tries again on each pass
+     */
     int init();
 
-    /** One polling step, called on each pass of the audio manager's loop. Answers 0. */
+    /**
+     * One polling step: takes in at most 4095 bytes and carries out at most one transaction.
+     * @return 0; -1 if a closed socket can't be opened again
+     */
     int service();
 
-    /** Called each time an item has been connected. `pli` is not owned and not kept. */
+    /**
+     * Writes the as-played entry of an item that has just been connected, and tells the peer, if one is connected and
+     * wants to know. `pli` is not owned and not kept.
+     */
     void sendPlayingNowTransaction(PlaylistItem* pli);
 
 private:
-    [[maybe_unused]] AudioDatabase* db; ///< not owned
+    enum responseStatus_e : int { RESPONSE_SUCCESS = 0, RESPONSE_ERROR = 1 };
+
+    bool takeTransaction();
+    void answerTransaction();
+    void logParseError();
+    int parseTransaction(TiXmlNode* pParent, TiXmlElement* response);
+
+    int parseUploadPlaylist(TiXmlNode* pParent);
+    int parseUploadPlaylistItems(TiXmlNode* pParent);
+    int parseDeletePlaylists(TiXmlNode* pParent, TiXmlElement* response, std::string& log);
+    int parseStartPlaylist(TiXmlNode* pParent, TiXmlElement* response, std::string& log);
+
+    // All of these live from one pass to the next.
+    AudioDatabase* db;                ///< not owned
+    std::unique_ptr<sockObject> sock; ///< the listening socket and its one peer
+    std::unique_ptr<char[]> buffer;   ///< receive buffer, 4096 bytes
+    std::string allxml;               ///< every byte received and not yet consumed
+    std::string transaction;          ///< text of the transaction being handled
+    std::string transCmd;             ///< its `command`
+    std::string transNum;             ///< its `transactionNumber`
+    std::string transType;            ///< its `type`
+    std::string playlistName;         ///< name in the upload in progress
+    std::string playlistAutoRef;      ///< `automationRef` in the upload in progress
+    int playlistId = 0;               ///< id of the playlist in the upload in progress
+    unsigned int playlistItemSeq = 0; ///< running sequence of the upload in progress
+    int playlistItemId = 0;           ///< id of the last item handled in the upload
+    responseStatus_e responseStatus = RESPONSE_SUCCESS;
+    std::string responseLog; ///< lines of text for the peer, each ending in a newline
 };

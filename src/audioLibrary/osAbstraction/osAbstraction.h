@@ -1,8 +1,8 @@
 #pragma once
 
 /**
- * A thin layer over the operating system's threads, mutexes and semaphores. Each primitive is a small object that the
- * caller owns, usually as a member, backed by a private context in a fixed table of 64 a kind.
+ * A thin layer over the operating system's threads, mutexes, semaphores and sockets. Each primitive is a small object
+ * that the caller owns, usually as a member, backed by a private context in a fixed table of 64 a kind.
  *
  * Errors print to standard output, unfiltered: "ERROR: %s()-%d:" with function and line, then the message.
  * Threads: objects are created and released on the audio manager's thread; used from every thread.
@@ -45,9 +45,9 @@ using objectId = objId;
 
 struct threadObject {
     objectId id;
-    int running = 0;                     ///< a join is due; not a stop flag
-    void* threadPtr = nullptr;           ///< the thread's argument
-    void* (*threadFn)(void*) = nullptr;  ///< the thread's body
+    int running = 0;                    ///< a join is due; not a stop flag
+    void* threadPtr = nullptr;          ///< the thread's argument
+    void* (*threadFn)(void*) = nullptr; ///< the thread's body
 };
 
 struct mutexObject {
@@ -76,8 +76,66 @@ osaStatus osaUnlock(mutexObject* mutex);       ///< always OSA_OK; real-time saf
 osaStatus osaCreateSemaphore(semaphoreObject* semaphore, unsigned int value);
 osaStatus osaReleaseSemaphore(semaphoreObject* semaphore); ///< always OSA_OK
 osaStatus osaWaitSemaphore(semaphoreObject* semaphore);    ///< always OSA_OK, also after a signal cut the wait short
-osaStatus osaTryWaitSemaphore(semaphoreObject* semaphore); ///< OSA_OK, OSA_SEMAPHORE_NOT_AVAILABLE or OSA_SEMAPHORE_ERROR
-osaStatus osaSignalSemaphore(semaphoreObject* semaphore);  ///< always OSA_OK
+osaStatus
+osaTryWaitSemaphore(semaphoreObject* semaphore); ///< OSA_OK, OSA_SEMAPHORE_NOT_AVAILABLE or OSA_SEMAPHORE_ERROR
+osaStatus osaSignalSemaphore(semaphoreObject* semaphore); ///< always OSA_OK
+
+enum sockType_e : int32_t {
+    SOCKTYPE_INVALID = 0, ///< an object that has not been configured
+    SOCKTYPE_UDP_IN = 1,
+    SOCKTYPE_UDP_OUT = 2,
+    SOCKTYPE_UDP_INOUT = 3, ///< not supported
+    SOCKTYPE_TCP_CLIENT = 4,
+    SOCKTYPE_TCP_SINGLE_SERVER = 5, ///< one peer at a time: the newest connection wins
+    SOCKTYPE_TCP_SERVER = 6,        ///< not supported
+};
+using sockType = sockType_e;
+
+struct destAddress {
+    char host[100] = "";      ///< a name to resolve; empty means use `ip`
+    unsigned char ip[4] = {}; ///< in network order
+    unsigned char mac[6] = {};
+};
+
+/**
+ * A socket. The owner clears the object (`sockObject{}`), fills the configuration, opens it, and closes it once.
+ * Every operation polls: none waits for a peer or for data, but osaGetHostByName for the resolver.
+ */
+struct sockObject {
+    objectId id{ID_SOCK_OBJECT, 0, nullptr, nullptr}; ///< slot 0 is never given out: it names no live context
+    int open = 0;                                     ///< the socket exists
+    int dataOpen = 0;                                 ///< data can flow: datagram socket open, or TCP peer connected
+    sockType type = SOCKTYPE_INVALID;                 ///< configuration
+    destAddress txAddr;                               ///< configuration: destination
+    unsigned short txPort = 0;                        ///< configuration: destination port
+    int allowUdpBroadcast = 0;                        ///< configuration: SO_BROADCAST on SOCKTYPE_UDP_OUT
+    unsigned int packetBufferSize = 0;                ///< configuration: ring size in bytes; 0 selects 65536
+    int blocking = 0;                                 ///< configuration: 0 makes the descriptors non-blocking
+    destAddress rxAddr;                               ///< read by nothing
+    unsigned short rxPort = 0;                        ///< configuration: local port
+    int errorCode = 0;                                ///< last errno; for SOCKTYPE_UDP_IN the result of the last read
+    unsigned int tcpConnectionCount = 0;              ///< connections accepted so far
+};
+
+osaStatus osaInit(); ///< Clears the table of sockets.
+osaStatus osaExit(); ///< Deletes every socket context and clears the table; closes no descriptor.
+
+osaStatus osaSockOpen(sockObject* sock);
+osaStatus osaSockClose(sockObject* sock);
+osaStatus osaSockConnect(sockObject* sock);
+int osaSockPeek(sockObject* sock);
+int osaSockRead(sockObject* sock, char* buf, unsigned int len);
+int osaSockWrite(sockObject* sock, char* buf, unsigned int len);
+osaStatus osaSockFlush(sockObject* sock);
+osaStatus osaSockRxFlush(sockObject* sock);
+osaStatus osaTcpDataSockClose(sockObject* sock);
+int osaGetFileDescriptor(sockObject* sock);
+int osaGetListenFileDescriptor(sockObject* sock);
+osaStatus osaGetHostByName(destAddress* addr);
+osaStatus osaSockDestMacAddress(sockObject* sock, char* mac);
+unsigned int osaNtohl(unsigned int value);
+unsigned short osaNtohs(unsigned short value);
+void osaHexdump(void* ptr, unsigned int count);
 
 /** Holds a mutex for a scope. */
 class osaLockGuard
