@@ -41,5 +41,5 @@ protected:
 
     AudioDatabase database;
     CAsPlayedLog log{nullptr};
-    AutomationAPI automation{nullptr};
+    AutomationAPI automation{&database};
 };
