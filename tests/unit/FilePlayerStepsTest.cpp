@@ -321,11 +321,24 @@ CMp3FilePlay::~CMp3FilePlay()
 {
     happened("~" + blockName);
 }
+runTimeId CMp3FilePlay::getRunTimeId()
+{
+    return MP3_FILE_PLAY;
+}
 streamStatus CMp3FilePlay::setNewFile(std::string newName)
 {
     const streamStatus status = answerTo(blockName + " open " + newName);
     blockName = filename = newName;
     return status;
+}
+streamStatus CMp3FilePlay::service(CServiceTime& next)
+{
+    return serviceOf(blockName, next);
+}
+int32_t CMp3FilePlay::timeLeft()
+{
+    const auto left = script.timeLeft.find(filename);
+    return left == script.timeLeft.end() ? 60000 : left->second;
 }
 
 } // namespace audioLibrarySpace
