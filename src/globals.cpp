@@ -3,6 +3,7 @@
 #include "globals.h"
 
 #include "audioLibrary/audioTrace.h"
+#include "audioLibrary/osAbstraction/osAbstraction.h"
 
 #include <array>
 #include <cstdarg>
@@ -76,55 +77,9 @@ void GetDate(time_t stamp, char* the_date, int max_length)
     }
 }
 
-namespace
-{
-
-/** One line of a memory dump while it fills. */
-class HexdumpLine
-{
-public:
-    static constexpr unsigned int numBytesPerLine = 16;
-
-    explicit HexdumpLine(const unsigned char* firstByte) : first(firstByte) {}
-
-    bool isFull() const { return numBytes == numBytesPerLine; }
-
-    void add(unsigned char byte)
-    {
-        const bool graphic = byte >= 0x21 && byte <= 0x7e;
-        snprintf(&hex[numBytes * 3], 4, " %02x", byte);
-        ascii[numBytes] = graphic ? static_cast<char>(byte) : '.';
-        numBytes++;
-    }
-
-    /** Prints the line; an address shows its low 32 bits. */
-    void print() const
-    {
-        printf("%08x: %-48s | %-16s\n", static_cast<unsigned int>(reinterpret_cast<uintptr_t>(first)), hex.data(),
-               ascii.data());
-    }
-
-private:
-    const unsigned char* first; ///< the first byte of the line in the memory dumped, not owned
-    unsigned int numBytes = 0;
-    std::array<char, numBytesPerLine * 3 + 1> hex{};
-    std::array<char, numBytesPerLine + 1> ascii{};
-};
-
-} // namespace
-
 void hexdump(void* ptr, unsigned int count)
 {
-    const auto* bytes = static_cast<const unsigned char*>(ptr);
-    HexdumpLine line(bytes);
-    for (unsigned int i = 0; i < count; i++) {
-        if (line.isFull()) {
-            line.print();
-            line = HexdumpLine(bytes + i);
-        }
-        line.add(bytes[i]);
-    }
-    line.print();
+    osaHexdump(ptr, count);
 }
 
 int create_thread(pthread_t* thread, void* (*start_routine)(void*), void* thread_data, const char* thread_name,

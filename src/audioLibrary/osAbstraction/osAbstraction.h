@@ -117,24 +117,111 @@ struct sockObject {
     unsigned int tcpConnectionCount = 0;              ///< connections accepted so far
 };
 
-osaStatus osaInit(); ///< Clears the table of sockets.
-osaStatus osaExit(); ///< Deletes every socket context and clears the table; closes no descriptor.
+// Sockets. Every operation that takes the slot from the object answers OSA_EINVAL, and reports it, for an index above 63
+// ("invalid socket index") and, where it uses the context, for a slot that is free ("socket context is NULL").
+// Thread: the owner's; there is no lock. Trace lines print "T%d: " with their level when `*tl` is at least that.
 
+/** Clears the table of sockets: what it held is forgotten, not freed. Always OSA_OK. */
+osaStatus osaInit();
+/** Deletes every socket context and clears the table. Their rings and descriptors stay. Always OSA_OK. */
+osaStatus osaExit();
+
+/**
+ * Gives a configured socket a slot, a ring and its descriptor, by `type`:
+ *
+ *   SOCKTYPE_UDP_IN             bound to rxPort on every interface; `open` and `dataOpen` are set
+ *   SOCKTYPE_UDP_OUT            sends to txAddr.ip and txPort, which `mac` ties to a static ARP entry on eth0 unless it
+ *                               is all zero; `open` and `dataOpen` are set
+ *   SOCKTYPE_TCP_CLIENT         txAddr.host, unless empty, is resolved, which may take long; `open` is set.
+ *                               osaSockConnect makes the connection
+ *   SOCKTYPE_TCP_SINGLE_SERVER  listens on rxPort; `open` is set. osaSockPeek and osaSockRead accept its peers
+ *
+ * @param sock  cleared and filled by its owner, who keeps it at its place until it is closed
+ * @return OSA_OK; OSA_EINVAL for null, for an object that is open and for a type that is not supported;
+ *         OSA_NO_RESOURCE when all 63 slots are taken; OSA_NO_MEM; OSA_SOCK_ERROR when the system refuses a step. After
+ *         a failure nothing is held and the object can be opened again.
+ */
 osaStatus osaSockOpen(sockObject* sock);
+
+/**
+ * Closes the descriptors, removes the ARP entry that opening made, and frees the slot. Close an object once: it keeps
+ * its index, and a second close frees the slot of whoever has it by then.
+ *
+ * @return OSA_OK, also for an object that was never opened
+ */
 osaStatus osaSockClose(sockObject* sock);
+
+/**
+ * Connects a SOCKTYPE_TCP_CLIENT; to be called again while it answers OSA_IN_PROGRESS. `dataOpen` tells whether the
+ * socket is connected. The first call asks for the connection, later ones look whether it has come; a refusal then
+ * counts as connected, and shows on the first read or write. Waits only with `blocking`, in the first call.
+ *
+ * @return first call: OSA_IN_PROGRESS; OSA_SOCK_ERROR both when the connection stood at once (`dataOpen` 1) and when it
+ *         was refused at once (the socket is then closed). Later calls: OSA_OK or OSA_IN_PROGRESS. OSA_ERROR for a
+ *         socket that is not open, OSA_OK for other types.
+ */
 osaStatus osaSockConnect(sockObject* sock);
+
+/**
+ * Accepts a waiting peer (single server: the newest wins), reads at most once into the ring, and tells what is there.
+ * A datagram socket holds one datagram at a time. Never waits.
+ *
+ * @return bytes that can be taken in one piece, 0 if none; OSA_CONNECTION_LOST when the peer has closed, which leaves
+ *         `dataOpen` set; OSA_PACKET_BUFFER_OVER for a datagram above packetBufferSize, which is dropped;
+ *         OSA_SOCK_ERROR; OSA_EINVAL for a type that does not receive
+ */
 int osaSockPeek(sockObject* sock);
+
+/**
+ * Copies out what has come, peeking as often as it takes. The rest of a datagram longer than `len` stays for the next
+ * read. A connection lost after some data shows in the next call. Never waits.
+ *
+ * @param buf  room for `len` bytes, the caller's
+ * @param len  bytes; cut to 2147483647
+ * @return bytes copied, 0 if none, or the negative status of osaSockPeek
+ */
 int osaSockRead(sockObject* sock, char* buf, unsigned int len);
+
+/**
+ * Sends in one call of the system; a peer that has gone raises no signal. Waits only with `blocking`.
+ *
+ * @param buf  `len` bytes, the caller's
+ * @return len; OSA_ERROR if the socket can't send or took less than all, of which the part sent is gone, with
+ *         `errorCode` set. A server without a peer answers OSA_ERROR too.
+ */
 int osaSockWrite(sockObject* sock, char* buf, unsigned int len);
+
+/** Empties the ring and reads until nothing comes. OSA_OK, or OSA_ERROR if reading ended in an error. */
 osaStatus osaSockFlush(sockObject* sock);
+/** Empties the ring. What the kernel holds stays. */
 osaStatus osaSockRxFlush(sockObject* sock);
+/** Drops the peer of a single server, which goes on listening. OSA_OK, and nothing happens, for other types. */
 osaStatus osaTcpDataSockClose(sockObject* sock);
+/** The data descriptor, still owned by the socket; -1 for a server without a peer. Negative status on errors. */
 int osaGetFileDescriptor(sockObject* sock);
+/** The listening descriptor of a server, still owned by the socket. Negative status on errors. */
 int osaGetListenFileDescriptor(sockObject* sock);
+/**
+ * Resolves `host` into the first IPv4 address, in `ip`. Blocks for as long as the resolver takes.
+ *
+ * @return OSA_OK, or OSA_ERROR for null, an empty name and one that does not resolve: `ip` is unchanged then
+ */
 osaStatus osaGetHostByName(destAddress* addr);
+/**
+ * Looks up the ARP entry of the destination on eth0.
+ *
+ * @param[out] mac  6 bytes or null; all zero where there is no entry, written also with OSA_ERROR
+ * @return OSA_OK for a complete or permanent entry with an address that is not all zero, otherwise OSA_ERROR
+ */
 osaStatus osaSockDestMacAddress(sockObject* sock, char* mac);
+/** Swaps the bytes, on a machine of either byte order. */
 unsigned int osaNtohl(unsigned int value);
+/** Swaps the bytes, on a machine of either byte order. */
 unsigned short osaNtohs(unsigned short value);
+/**
+ * Prints a memory dump to standard output, 16 bytes a line, and always one closing line: the low 32 bits of the address
+ * of the line's first byte, the bytes in hex, and as characters where they are from 0x21 to 0x7e.
+ */
 void osaHexdump(void* ptr, unsigned int count);
 
 /** Holds a mutex for a scope. */

@@ -7,10 +7,10 @@
  */
 
 #include "audioLibrary/osAbstraction/osAbstraction.h"
+#include "audioLibrary/osAbstraction/osAbstractionPrivate.h"
 
 #include <cassert>
 #include <cerrno>
-#include <cstdio>
 #include <new>
 #include <pthread.h>
 #include <semaphore.h>
@@ -18,25 +18,8 @@
 unsigned int osa_trace_level = 0;
 unsigned int* tl = &osa_trace_level;
 
-/** Reports an error whose message has its own line end, or none. Unfiltered. */
-#define OSA_ERROR_PRINTF(...)                                                                                          \
-    do {                                                                                                               \
-        printf("ERROR: %s()-%d:", __FUNCTION__, __LINE__);                                                             \
-        printf(__VA_ARGS__);                                                                                           \
-    } while (false)
-
-/** Reports an error whose message gets its line end from puts. Unfiltered. */
-#define OSA_ERROR_PUTS(text)                                                                                           \
-    do {                                                                                                               \
-        printf("ERROR: %s()-%d:", __FUNCTION__, __LINE__);                                                             \
-        puts(text);                                                                                                    \
-    } while (false)
-
 namespace
 {
-
-/** Slots of one kind; also the index of an object that has no slot. */
-constexpr unsigned int numSlots = 64;
 
 struct threadContext {
     threadObject* thread; ///< back-pointer, not owned
@@ -57,16 +40,6 @@ struct semaphoreContext {
 threadContext* thread_int[numSlots];
 mutexContext* mutex_int[numSlots];
 semaphoreContext* semaphore_int[numSlots];
-
-/** The lowest free slot, or numSlots if all are taken. */
-template <typename Context> unsigned int lowestFreeSlot(Context* const (&table)[numSlots])
-{
-    unsigned int slot = 0;
-    while (slot < numSlots && table[slot] != nullptr) {
-        slot++;
-    }
-    return slot;
-}
 
 /** The place in the table that the object names; null if it has no slot or the slot is free. */
 template <typename Context> Context** liveSlot(Context* (&table)[numSlots], const objectId& id)
