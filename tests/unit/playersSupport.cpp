@@ -67,12 +67,12 @@ PlayersTest::PlayersTest()
 {
     log_level = LOG_ALL;
     audio_database = &database;
-    asPlayedLog = &log;
     api = &automation;
 }
 
 PlayersTest::~PlayersTest()
 {
+    log.reset();
     quietly([this] { database.close_audio_database(); });
     audio_database = nullptr;
     asPlayedLog = nullptr;
@@ -81,7 +81,11 @@ PlayersTest::~PlayersTest()
 
 void PlayersTest::openDatabase()
 {
-    quietly([this] { database.open_audio_database(); });
+    quietly([this] {
+        database.open_audio_database();
+        log = std::make_unique<CAsPlayedLog>(database.getDatabase());
+    });
+    asPlayedLog = log.get();
 }
 
 int PlayersTest::addPlaylist(const std::string& name)

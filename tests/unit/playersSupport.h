@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,7 @@ protected:
     PlayersTest();
     ~PlayersTest() override;
 
+    /** Opens the database, and the as-played log on its connection. */
     void openDatabase();
 
     /** Adds a playlist and answers its id; the first one of a test has id 1. */
@@ -40,6 +42,6 @@ protected:
     void run(const std::string& sql);
 
     AudioDatabase database;
-    CAsPlayedLog log{nullptr};
+    std::unique_ptr<CAsPlayedLog> log; ///< null until openDatabase
     AutomationAPI automation{&database};
 };
