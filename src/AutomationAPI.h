@@ -13,6 +13,7 @@
  * AutomationAPI.cpp is the server (framing, dispatch, answer), AutomationCommands.cpp the commands.
  */
 
+#include "TransactionSearch.h"
 #include "audioLibrary/osAbstraction/osAbstraction.h"
 
 #include <cstddef>
@@ -21,13 +22,14 @@
 
 class AudioDatabase;
 class PlaylistItem;
+class TiXmlDocument;
 class TiXmlElement;
 class TiXmlNode;
 
 class AutomationAPI
 {
 public:
-    /** @param database  not owned */
+    /** Opens nothing. @param database  not owned */
     explicit AutomationAPI(AudioDatabase* database);
     ~AutomationAPI();
     AutomationAPI(const AutomationAPI&) = delete;
@@ -40,8 +42,9 @@ public:
     int init();
 
     /**
-     * One polling step: takes in at most 4095 bytes and carries out at most one transaction.
-     * @return 0; -1 if a closed socket can't be opened again
+     * One polling step: takes in at most 4095 bytes and carries out at most one transaction; a second one waits for
+     * the next step. Bytes are kept across a change of peers, and without a limit until a transaction is found in them.
+     * @return 0; -1 if a closed socket can't be opened again, to which a step is given up
      */
     int service();
 
@@ -54,10 +57,36 @@ public:
 private:
     enum responseStatus_e : int { RESPONSE_SUCCESS = 0, RESPONSE_ERROR = 1 };
 
+    int openSocket();
+    void receive();
     bool takeTransaction();
-    void answerTransaction();
-    void logParseError();
+    void handleTransaction();
+    void noteParseError();
+    void sendAnswer(TiXmlDocument& answer, TiXmlElement& root);
+
+    /**
+     * Dispatches a parsed transaction. `responseStatus` holds the verdict; it stays RESPONSE_ERROR unless a command is
+     * reached.
+     *
+     * @param pParent   a document, or an element of one; never null
+     * @param response  root of the answer, which commands add children to
+     * @return 1 if it was a transaction, with whatever command; -1 for what is none; 0 for a document without children
+     */
     int parseTransaction(TiXmlNode* pParent, TiXmlElement* response);
+    void readAttributes(const TiXmlElement& element);
+
+    // The commands. Each walks the children of the transaction, in order, until one of them stops it.
+    struct Command {
+        const char* name;
+        void (AutomationAPI::*run)(TiXmlNode& transactionElement, TiXmlElement* response);
+    };
+    static const Command commands[];
+    void runCommand(TiXmlNode& transactionElement, TiXmlElement* response);
+    void uploadPlaylist(TiXmlNode& transactionElement, TiXmlElement* response);
+    void deletePlaylists(TiXmlNode& transactionElement, TiXmlElement* response);
+    void getAsPlayedLog(TiXmlNode& transactionElement, TiXmlElement* response);
+    void startPlaylist(TiXmlNode& transactionElement, TiXmlElement* response);
+    void stopPlaylist(TiXmlNode& transactionElement, TiXmlElement* response);
 
     int parseUploadPlaylist(TiXmlNode* pParent);
     int parseUploadPlaylistItems(TiXmlNode* pParent);
@@ -79,5 +108,6 @@ private:
     unsigned int playlistItemSeq = 0; ///< running sequence of the upload in progress
     int playlistItemId = 0;           ///< id of the last item handled in the upload
     responseStatus_e responseStatus = RESPONSE_SUCCESS;
-    std::string responseLog; ///< lines of text for the peer, each ending in a newline
+    std::string responseLog;  ///< lines of text for the peer, each ending in a newline
+    TransactionSearch search; ///< how far allxml has been searched
 };
