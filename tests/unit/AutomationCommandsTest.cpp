@@ -344,13 +344,22 @@ TEST_F(AutomationCommands, OfAttributesThatDifferByCaseTheLastOneCounts)
 
 TEST_F(AutomationCommands, EntitiesInValuesAreTheCharactersThatTheyName)
 {
-    EXPECT_EQ(upload(playlist("Rock &amp; &quot;Roll&quot; &lt;1&gt; &#x41;", item("&#228;.wav"))),
+    EXPECT_EQ(upload(playlist("Rock &amp; &quot;Roll&quot; &lt;1&gt; &#x41;", item("it&apos;s.wav"))),
               answer("uploadPlaylist", "success",
                      {"Created new playlist Rock &amp; &quot;Roll&quot; &lt;1&gt; A",
-                      "Adding audio item /mnt/usb/\xC3\xA4.wav to local library",
-                      "Adding audio item /mnt/usb/\xC3\xA4.wav to playlist"}));
+                      "Adding audio item /mnt/usb/it&apos;s.wav to local library",
+                      "Adding audio item /mnt/usb/it&apos;s.wav to playlist"}));
     EXPECT_THAT(playlists(), ElementsAre("1|Rock & \"Roll\" <1> A"));
-    EXPECT_THAT(rows("SELECT pathname FROM T_Items"), ElementsAre("/mnt/usb/\xC3\xA4.wav"));
+    EXPECT_THAT(rows("SELECT pathname FROM T_Items"), ElementsAre("/mnt/usb/it's.wav"));
+}
+
+TEST_F(AutomationCommands, BytesAbove127StayAsTheyAreAndAReferenceToThemIsOneByte)
+{
+    // A transaction has no declaration that names an encoding, so the parser reads bytes, not UTF-8.
+    EXPECT_THAT(upload(playlist("M\xC3\xA4rz", item("&#228;.wav"))),
+                AllOf(HasSubstr("playlist M\xC3\xA4rz\n"), HasSubstr("item /mnt/usb/\xE4.wav to playlist\n")));
+    EXPECT_THAT(playlists(), ElementsAre("1|M\xC3\xA4rz"));
+    EXPECT_THAT(rows("SELECT hex(substr(pathname, 10)) FROM T_Items"), ElementsAre("E42E776176"));
 }
 
 TEST_F(AutomationCommands, AValueEndsAtItsFirstZeroByte)
@@ -743,6 +752,14 @@ TEST_F(PlayingNow, OfAPlaylistThatIsGoneHasAnEmptyNameAndNoPlaylistsId)
     EXPECT_THAT(scriptedPeer.received, ElementsAre(told("\"\"", "\"/mnt/usb/a.wav\"")));
     EXPECT_THAT(asPlayed(), ElementsAre("70000|65536|5|0|1|100|"));
     EXPECT_THAT(logged, ElementsAre("ERROR AudioDatabase.cpp: Select Playlist by id: 101 failed."));
+}
+
+TEST_F(PlayingNow, OfAPlaylistWithoutANameHasAnEmptyName)
+{
+    run("UPDATE T_Playlists SET name = NULL WHERE id = 2");
+    send();
+    EXPECT_THAT(scriptedPeer.received, ElementsAre(told("\"\"", "\"/mnt/usb/a.wav\"")));
+    EXPECT_THAT(asPlayed(), ElementsAre("70000|2|5|0|1|100|"));
 }
 
 TEST_F(PlayingNow, NamesAndPathsAreEncoded)
