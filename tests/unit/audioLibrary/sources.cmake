@@ -3,3 +3,11 @@ foreach(subject audioPlay toneGenerator)
   player_unit_test(${subject}Test SOURCES ${subject}Test.cpp LINK audioSources)
 endforeach()
 player_unit_test(wavFilePlayTest SOURCES wavFilePlayTest.cpp LINK audioSources)
+
+# Encodes its material itself, and puts itself between the block and the decoder and the storage.
+pkg_check_modules(LAME REQUIRED IMPORTED_TARGET lame)
+player_unit_test(mp3FilePlayTest SOURCES mp3FilePlayTest.cpp mp3Files.cpp LINK audioSources PkgConfig::LAME)
+target_link_options(mp3FilePlayTest PRIVATE
+  -Wl,--wrap=mpg123_init -Wl,--wrap=mpg123_new -Wl,--wrap=mpg123_delete -Wl,--wrap=mpg123_param2
+  -Wl,--wrap=mpg123_format_all -Wl,--wrap=mpg123_open_feed -Wl,--wrap=mpg123_decode -Wl,--wrap=mpg123_getformat
+  -Wl,--wrap=read)
