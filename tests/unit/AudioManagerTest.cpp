@@ -220,6 +220,8 @@ int AudioService::getAvgSampleRate() const
 
 AutomationAPI::AutomationAPI(AudioDatabase* database) : db(database) {}
 
+AutomationAPI::~AutomationAPI() = default;
+
 int AutomationAPI::init()
 {
     note("automation init");

@@ -366,6 +366,7 @@ int CAsPlayedLog::writeToDb()
 }
 
 AutomationAPI::AutomationAPI(AudioDatabase* automationDatabase) : db(automationDatabase) {}
+AutomationAPI::~AutomationAPI() = default;
 void AutomationAPI::sendPlayingNowTransaction(PlaylistItem* pli)
 {
     happened("playing now " + pli->getPath());

@@ -143,6 +143,21 @@ constexpr int TONE = 1500;
 constexpr unsigned int ACTIVE = 1;
 constexpr unsigned int STANDBY = 2;
 
+TEST_F(FilePlayerTest, EachFileIsInTheAsPlayedLogOnceItIsConnected)
+{
+    addLevel("a.wav", 1000, 20000);
+    addLevel("b.wav", 2000, 30000);
+    const auto asPlayed = [this] {
+        return rowsOf(database.getDatabase(),
+                      "SELECT playlist_item_id, playlist_id, playlist_assoc_id, entry_type FROM "
+                      "T_As_Played_Log ORDER BY log_time_sec, log_time_usec");
+    };
+    ASSERT_EQ(start(), PLAYER_STARTED);
+    EXPECT_THAT(asPlayed(), ElementsAre("1|1|1|0"));
+    play(30000);
+    EXPECT_THAT(asPlayed(), ElementsAre("1|1|1|0", "2|1|2|0"));
+}
+
 TEST_F(FilePlayerTest, FilesGoToTheCardWholeAndInOrderAndTheListStartsOver)
 {
     addLevel("a.wav", 1000, 20000);

@@ -75,6 +75,8 @@ AutomationAPI::AutomationAPI(AudioDatabase* database) : db(database)
                     globalsSet());
 }
 
+AutomationAPI::~AutomationAPI() = default;
+
 // ---- the threads that it starts
 
 void* AudioManager(void*)
