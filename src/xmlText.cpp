@@ -290,8 +290,11 @@ size_t findIStrFrom(const std::string& text, const char* sought, size_t from)
 bool parseXml(TiXmlDocument& document, const std::string& text)
 {
     // Zeroes enough for the longest character that the last byte can seem to begin; the text ends at its first zero.
-    std::string padded(text.c_str());
-    padded.append(4, '\0');
+    constexpr size_t zeroes = 4;
+    std::string padded;
+    padded.reserve(text.size() + zeroes);
+    padded = text.c_str();
+    padded.append(zeroes, '\0');
     if (!ParserWalk(padded.c_str()).isHarmless()) {
         return false;
     }

@@ -309,9 +309,12 @@ TEST(ParseXml, WhatOnlyLooksLikeElementsIsNoDepth)
              "<a b='" + tags + "'/>",
              "<a b=\"" + tags + "\"></a>",
              "<a b=" + times(300, "<b") + " ></a>",
-             "<a>" + times(300, "<!b>") + "<a>" + times(300, "<?b>") + "<a>" + times(300, "<?xml version='1.0'?>") +
-                 "<a>" + times(300, "< b>") + "<a>" + times(300, "<1>") + "<a>&#x" + tags +
-                 "x41;</a>", // the entity reaches to its ';'
+             "<a>" + times(300, "<!b>") + "</a>",
+             "<a>" + times(300, "<?b>") + "</a>",
+             "<a>" + times(300, "<?xml version='1.0'?>") + "</a>",
+             "<a>" + times(300, "< b>") + "</a>",
+             "<a>" + times(300, "<1>") + "</a>",
+             "<a>&#x" + tags + "x41;</a>", // the entity reaches to its ';'
              "<a>&#" + tags + "#65;</a>",
              "<a b='&#x'" + tags + "x41;'/>",
              "<a/>end of the document for the parser" + tags,
