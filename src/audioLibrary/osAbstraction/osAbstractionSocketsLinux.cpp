@@ -169,10 +169,7 @@ void removeArpEntry(sockContext& context)
     context.macAddressConfigured = false;
 }
 
-/**
- * Makes the entry for `dest` permanent. Answers as ioctl(). Without ATF_COM among the flags the kernel takes no new
- * hardware address: it fails with EINVAL where it does not know the destination yet.
- */
+/** Makes a permanent entry for `dest`; the kernel takes the address's family from the device. Answers as ioctl(). */
 int addArpEntry(sockContext& context, const unsigned char (&mac)[6])
 {
     arpreq request = arpRequestFor(context.dest);
