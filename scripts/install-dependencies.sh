@@ -2,7 +2,7 @@
 # Installs what building, testing and running AudioPlayer needs on Debian 12.
 # This is the one place that lists the project's dependencies.
 #
-#   scripts/install-dependencies.sh [run|test|bench|arm]...   (default: run test)
+#   scripts/install-dependencies.sh [run|test|bench|arm|fuzz]...   (default: run test)
 #
 # Packages that are already there are left alone; without any missing, no
 # network and no root are needed.
@@ -18,6 +18,7 @@ run_packages=(
 test_packages=(libgtest-dev libgmock-dev libmp3lame-dev lame python3-pytest python3-pytest-xdist iproute2 util-linux sqlite3 shellcheck)
 bench_packages=(libbenchmark-dev libsamplerate0-dev libspeexdsp-dev libsoxr-dev libzita-resampler-dev gnuplot-nox)
 arm_packages=(g++-arm-linux-gnueabihf qemu-user-static)
+fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
 
 wanted=()
 [ $# -gt 0 ] || set -- run test
@@ -27,7 +28,8 @@ for group in "$@"; do
     test)  wanted+=("${test_packages[@]}" "${bench_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
     arm)   wanted+=("${arm_packages[@]}") ;;
-    *) echo "usage: $0 [run|test|bench|arm]..." >&2; exit 2 ;;
+    fuzz)  wanted+=("${fuzz_packages[@]}") ;;
+    *) echo "usage: $0 [run|test|bench|arm|fuzz]..." >&2; exit 2 ;;
   esac
 done
 

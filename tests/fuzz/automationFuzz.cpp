@@ -45,6 +45,7 @@ struct Peer {
     std::string taken;  ///< the last read, up to its first zero byte
     std::vector<std::string> parsed;
     int written = 0;
+    bool open = false; ///< the server's socket
 
     std::optional<uint8_t> nextEvent() const
     {
@@ -92,6 +93,7 @@ extern "C" osaStatus __wrap__Z11osaSockOpenP10sockObject(sockObject* sock)
     }
     sock->open = 1;
     sock->dataOpen = 1;
+    peer.open = true;
     return OSA_OK;
 }
 
@@ -108,6 +110,7 @@ extern "C" int __wrap__Z11osaSockReadP10sockObjectPcj(sockObject* sock, char* bu
         if (*event == SOCKET_CLOSES) {
             sock->open = 0;
             sock->dataOpen = 0;
+            peer.open = false;
             return OSA_CONNECTION_LOST;
         }
         wanted = *event >= NOTHING_TO_READ ? 0 : std::max<size_t>(1, size_t{*event} * 16);
@@ -214,8 +217,8 @@ void makeStation()
     audio_database = new AudioDatabase;
     MUST_HOLD(audio_database->open_audio_database(":memory:", true));
     audioService = new AudioService;
-    must("INSERT INTO T_Playlists (name, sequence, type_id) VALUES ('Morning', 1, 1), ('Night', 2, 1);"
-         "INSERT INTO T_Items (pathname, type_id, length_in_samples, sample_rate)"
+    must("INSERT INTO T_Playlists (name, sequence, playlist_type) VALUES ('Morning', 1, 1), ('Night', 2, 1);"
+         "INSERT INTO T_Items (pathname, item_type, item_length_in_samples, item_sample_rate)"
          " VALUES ('/mnt/usb/a.wav', 1, 480000, 48000), ('/mnt/usb/b.mp3', 2, 0, 0), ('', 1, 0, 0);"
          "INSERT INTO T_Playlist_Item_Association (sequence, playlist_id, item_id)"
          " VALUES (2, 1, 1), (3, 1, 2), (4, 1, 3), (2, 2, 2);");
@@ -264,10 +267,11 @@ void serve(AutomationAPI& server)
         peer.taken.clear();
         peer.parsed.clear();
         peer.written = 0;
+        const bool wasOpen = peer.open; // a pass that opens the socket does nothing else
         (void)server.service();
-        const auto expected = framing.pass(peer.taken);
+        const auto expected = wasOpen ? framing.pass(peer.taken) : std::nullopt;
         mustAgree(expected);
-        busy = expected.has_value();
+        busy = expected.has_value() || !wasOpen;
     }
 }
 
