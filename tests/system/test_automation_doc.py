@@ -354,7 +354,8 @@ def test_query_finds_the_playlists_that_start_as_something_else(peer, studio):
     rows(studio, "INSERT INTO T_Streams (name, stream_type_id, uri) VALUES ('Abroad', 2, 'http://127.0.0.1:1/')")
     upload(peer, "Night", "jingle.wav")
     upload(peer, "Late", "news.wav")
-    assert rows(studio, query) == [("Night", 3, 4), ("Late", 4, 5)]
+    rows(studio, "INSERT INTO T_Playlists (sequence, name, playlist_type) VALUES (1, 'Carts', 2)")
+    assert rows(studio, query) == [("Night", 3, 4), ("Late", 4, 5), ("Carts", 5, None)]
     peer.transaction("startPlaylist", element("Playlist", name="Late"))  # its number is the source of Night
     assert playing(peer.infos()[-1], "Night") == "jingle.wav"
 
