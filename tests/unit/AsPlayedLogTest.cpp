@@ -121,6 +121,7 @@ protected:
         log_level = LOG_ERROR | LOG_INFO;
         setTimeZone("UTC");
         setClock(0, 123456789);
+        wholeTime = TEN; // the lines of the log carry it too
         database.open_audio_database("test.db", true);
         db = database.getDatabase();
         sqlite3_busy_timeout(db, 0); // no test waits for a lock
@@ -1163,7 +1164,6 @@ protected:
     TextLog()
     {
         log_level = LOG_ALL;
-        wholeTime = TEN;
         logFilesOpened.clear();
         logFileOpens = true;
     }
