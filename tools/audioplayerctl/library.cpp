@@ -1,5 +1,6 @@
 #include "library.h"
 
+#include "AsPlayedLog.h"
 #include "audioFile.h"
 #include "failure.h"
 #include "sqlite3Wrapper.h"
@@ -134,6 +135,11 @@ private:
     bool isCommitted = false;
 };
 
+struct Library::InspectedFile {
+    std::string path;
+    AudioFile figures;
+};
+
 // ---- opening
 
 Library::Library(const std::string& filename, access_e access)
@@ -256,6 +262,18 @@ int Library::findSource(const std::string& idOrName)
                           "SELECT id FROM T_Audio_Sources WHERE player_name = ?;", "source");
 }
 
+int Library::sourceOf(int playlistId)
+{
+    Query query(db,
+                "SELECT s.id FROM T_Audio_Sources s JOIN T_Audio_Source_Types t ON t.id = s.source_type_id WHERE "
+                "t.name = 'STR_PLAYLIST' AND s.player_id = ? ORDER BY s.id;",
+                "find_source_of_playlist");
+    if (!query.bind(1, playlistId).next())
+        throw Failure(EXIT_REFUSED,
+                      "playlist " + std::to_string(playlistId) + " is no source: a cart can't be started");
+    return query.number(0);
+}
+
 int Library::placeAt(int playlistId, int sequence, int& itemId)
 {
     Query query(db, "SELECT id, item_id FROM T_Playlist_Item_Association WHERE playlist_id = ? AND sequence = ?;",
@@ -324,6 +342,21 @@ void Library::insert(int playlistId, const std::string& path, int itemType, uint
     expectDone(database.insert_playlist_item(item), "add the entry");
 }
 
+std::vector<Library::InspectedFile> Library::inspect(const std::vector<std::string>& files)
+{
+    std::vector<InspectedFile> inspected;
+    for (const std::string& file : files) {
+        AudioFile figures;
+        const std::string path = absolutePath(file);
+        if (!inspectAudioFile(path, figures))
+            throw Failure(EXIT_NOT_FOUND, "cannot read " + path + ": " + strerror(errno));
+        for (const std::string& warning : figures.warnings)
+            warn(path + ": " + warning);
+        inspected.push_back({path, figures});
+    }
+    return inspected;
+}
+
 void Library::add(int playlistId, const std::vector<std::string>& files, const std::string& jump)
 {
     if (playlistId >= PlaylistItem::RESERVED_ID)
@@ -332,16 +365,7 @@ void Library::add(int playlistId, const std::vector<std::string>& files, const s
         throw Failure(EXIT_USAGE, "nothing to add: give files or --jump");
 
     // Everything slow, and everything that may refuse, comes before the database is held.
-    std::vector<std::pair<std::string, AudioFile>> inspected;
-    for (const std::string& file : files) {
-        AudioFile figures;
-        const std::string path = absolutePath(file);
-        if (!inspectAudioFile(path, figures))
-            throw Failure(EXIT_NOT_FOUND, "cannot read " + path + ": " + strerror(errno));
-        for (const std::string& warning : figures.warnings)
-            warn(path + ": " + warning);
-        inspected.emplace_back(path, figures);
-    }
+    const std::vector<InspectedFile> inspected = inspect(files);
     const std::string jumpEntry = jump.empty() ? "" : jumpPath(jump);
 
     Transaction transaction(*this);
@@ -350,6 +374,26 @@ void Library::add(int playlistId, const std::vector<std::string>& files, const s
     if (!jumpEntry.empty())
         insert(playlistId, jumpEntry, ItemType::JUMP, 0, 1); // a rate of 0 would leave the playlist without a length
     transaction.commit();
+}
+
+bool Library::upload(const std::string& name, const std::vector<std::string>& files)
+{
+    const std::vector<InspectedFile> inspected = inspect(files);
+    Transaction transaction(*this);
+    int id = database.getPlaylistId(name.c_str());
+    const bool isNew = id == -1;
+    if (isNew) {
+        expectDone(database.insert_playlist(name.c_str(), NEXT_FREE, PlaylistType::PLAYLIST), "create the playlist");
+        id = database.getPlaylistId(name.c_str());
+    } else {
+        expectDone(database.delete_all_playlist_items(id), "clear the playlist");
+    }
+    if (id >= PlaylistItem::RESERVED_ID)
+        throw Failure(EXIT_REFUSED, "the player can't name playlists with ids above 65534");
+    for (const auto& [path, figures] : inspected)
+        insert(id, path, figures.itemType, figures.numFrames, figures.rateHz);
+    transaction.commit();
+    return isNew;
 }
 
 void Library::move(int playlistId, int from, int to)
@@ -398,5 +442,116 @@ void Library::deletePlaylist(int playlistId)
         warn("playlist " + std::to_string(jumps.number(0)) +
              " jumps to the deleted one: the player hangs when it takes that jump");
     expectDone(database.delete_playlist(playlistId), "delete the playlist");
+    transaction.commit();
+}
+
+std::vector<std::string> Library::filesOnlyIn(int playlistId)
+{
+    Query query(
+        db,
+        "SELECT DISTINCT i.pathname, EXISTS (SELECT 1 FROM T_Playlist_Item_Association o WHERE o.item_id = i.id "
+        "AND o.playlist_id <> a.playlist_id) FROM T_Playlist_Item_Association a JOIN T_Items i ON i.id = "
+        "a.item_id WHERE a.playlist_id = ? AND i.item_type IN (1, 2) AND i.pathname <> '' ORDER BY a.sequence;",
+        "find_files");
+    query.bind(1, playlistId);
+    std::vector<std::string> files;
+    while (query.next()) {
+        if (query.number(1) == 0)
+            files.push_back(query.text(0));
+        else
+            warn(query.text(0) + " stays: another playlist uses it");
+    }
+    return files;
+}
+
+// ---- the as-played log
+
+bool Library::hasAsPlayedTable()
+{
+    Query query(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'T_As_Played_Log';", "find_log");
+    return query.next();
+}
+
+std::vector<AsPlayedRow> Library::asPlayedWhere(const char* condition, int value)
+{
+    std::vector<AsPlayedRow> rows;
+    if (!hasAsPlayedTable())
+        return rows;
+    const std::string sql =
+        "SELECT l.id, l.log_time_sec, l.log_time_usec, l.entry_type, p.name, i.pathname, l.desc, "
+        "i.item_length_in_samples, i.item_sample_rate FROM T_As_Played_Log l LEFT JOIN T_Items i ON i.id = "
+        "l.playlist_item_id LEFT JOIN T_Playlists p ON p.id = l.playlist_id WHERE " +
+        std::string(condition) + ";";
+    Query query(db, sql.c_str(), "list_as_played");
+    query.bind(1, value);
+    while (query.next()) {
+        const int entryType = query.number(3);
+        AsPlayedRow row;
+        row.id = query.number(0);
+        row.seconds = query.number64(1);
+        row.time = asPlayedTime(row.seconds, query.number64(2));
+        row.type = asPlayedWord(entryType);
+        row.isOfItem = entryType == AS_PLAYED_LOG_ENTRY_TYPE_START_ITEM ||
+                       entryType == AS_PLAYED_LOG_ENTRY_TYPE_MISSING_PLAYLIST_ITEM;
+        if (row.isOfItem && !query.isNull(4))
+            row.playlist = query.text(4);
+        if (row.isOfItem && !query.isNull(5))
+            row.file = query.text(5);
+        if (row.isOfItem && query.number64(7) > 0 && query.number64(8) > 0)
+            row.lengthSeconds = query.number64(7) / query.number64(8);
+        if (entryType == AS_PLAYED_LOG_ENTRY_TYPE_LOG_TRIMMED)
+            row.text = query.text(6).substr(0, query.text(6).find('\n'));
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+std::vector<AsPlayedRow> Library::asPlayed(int afterId)
+{
+    return asPlayedWhere("l.id > ? ORDER BY l.id", afterId);
+}
+
+std::vector<AsPlayedRow> Library::finishedAsPlayed()
+{
+    return asPlayedWhere("l.log_time_sec < coalesce((SELECT log_time_sec FROM T_As_Played_Log WHERE entry_type = ? "
+                         "ORDER BY log_time_sec DESC, log_time_usec DESC LIMIT 1), strftime('%s', 'now') + 0) ORDER BY "
+                         "l.id",
+                         AS_PLAYED_LOG_ENTRY_TYPE_START_ITEM);
+}
+
+std::optional<AsPlayedRow> Library::lastStarted()
+{
+    const std::vector<AsPlayedRow> rows =
+        asPlayedWhere("l.entry_type = ? ORDER BY l.id DESC LIMIT 1", AS_PLAYED_LOG_ENTRY_TYPE_START_ITEM);
+    return rows.empty() ? std::nullopt : std::optional(rows.front());
+}
+
+bool Library::hasAsPlayed(const AsPlayedRow& row)
+{
+    if (row.id == 0)
+        return true;
+    const std::vector<AsPlayedRow> found = asPlayedWhere("l.id = ?", row.id);
+    return !found.empty() && found.front().time == row.time;
+}
+
+void Library::removeAsPlayed(const std::vector<AsPlayedRow>& rows)
+{
+    if (rows.empty())
+        return;
+    Transaction transaction(*this);
+    for (const AsPlayedRow& row : rows) {
+        Query query(db, "DELETE FROM T_As_Played_Log WHERE id = ? AND log_time_sec = CAST(? AS INTEGER);",
+                    "remove_as_played");
+        query.bind(1, row.id).bind(2, std::to_string(row.seconds)).next();
+    }
+    transaction.commit();
+}
+
+void Library::clearAsPlayed()
+{
+    if (!hasAsPlayedTable())
+        return;
+    Transaction transaction(*this);
+    Query(db, "DELETE FROM T_As_Played_Log;", "clear_as_played").next();
     transaction.commit();
 }

@@ -12,6 +12,7 @@
  */
 
 #include "AudioDatabase.h"
+#include "asPlayed.h"
 
 #include <cstdint>
 #include <optional>
@@ -68,11 +69,22 @@ public:
     /** The source's id, found likewise. */
     int findSource(const std::string& idOrName);
 
+    /** The source that plays the playlist. Throws if there is none: a cart has no source. */
+    int sourceOf(int playlistId);
+
     /** Adds a playlist, a cart if `isCart`, and answers its id. Throws if the name is taken. */
     int createPlaylist(const std::string& name, bool isCart);
 
     /** Appends the files, in order, and then the jump "PLAYLIST:SEQUENCE" if it is not empty. All or nothing. */
     void add(int playlistId, const std::vector<std::string>& files, const std::string& jump);
+
+    /**
+     * Has the playlist hold these files and nothing else; made where there is none of that name, otherwise its id and
+     * its source stay. What it held stays in the library, where the as-played log finds its names. All or nothing.
+     *
+     * @return true if it was made
+     */
+    bool upload(const std::string& name, const std::vector<std::string>& files);
 
     /** Gives the entry at sequence `from` the sequence `to`; entries in the way move up by one. */
     void move(int playlistId, int from, int to);
@@ -83,14 +95,41 @@ public:
     /** Deletes the playlist, its entries, and the items that no other playlist uses. The files on disk stay. */
     void deletePlaylist(int playlistId);
 
+    /** The audio files of the playlist, each once; those that another playlist uses as well are told and left out. */
+    std::vector<std::string> filesOnlyIn(int playlistId);
+
+    // ---- the as-played log: empty as long as no player has run on the database
+
+    /** Rows in the order of writing, those behind the row of that id only. */
+    std::vector<AsPlayedRow> asPlayed(int afterId);
+
+    /** The rows that the player reports to automation: those before the second of the newest start. */
+    std::vector<AsPlayedRow> finishedAsPlayed();
+
+    /** What went on air last, as far as the log knows: files only, and no stops. */
+    std::optional<AsPlayedRow> lastStarted();
+
+    /** Whether the row is still there; true for a row without an id. */
+    bool hasAsPlayed(const AsPlayedRow& row);
+
+    /** Removes rows that were listed. All or nothing. */
+    void removeAsPlayed(const std::vector<AsPlayedRow>& rows);
+
+    /** Removes all rows. */
+    void clearAsPlayed();
+
 private:
     class Query;
     class Transaction;
+    struct InspectedFile;
 
     bool exists(const char* sql, int id);
     int findByIdOrName(const std::string& idOrName, const char* byId, const char* byName, const char* what);
     int placeAt(int playlistId, int sequence, int& itemId);
     std::string jumpPath(const std::string& target);
+    static std::vector<InspectedFile> inspect(const std::vector<std::string>& files);
+    bool hasAsPlayedTable();
+    std::vector<AsPlayedRow> asPlayedWhere(const char* condition, int value);
     void insert(int playlistId, const std::string& path, int itemType, uint32_t numFrames, uint32_t rateHz);
     void expectDone(int rc, const char* what);
 

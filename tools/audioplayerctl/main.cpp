@@ -3,14 +3,16 @@
  *
  *   audioplayerctl playlist create|add|list|show|move|remove|delete ...   the library in the database
  *   audioplayerctl sources | start ID|NAME | stop | status                the running daemon
+ *   audioplayerctl upload|delete|play NAME ..., as-played, now-playing    what automation does; from afar in its seat
  *
  * One thread, one command, then the end. What is asked for goes to stdout, warnings and failures to stderr.
  */
 
-#include "daemonLink.h"
+#include "automationCommands.h"
 #include "failure.h"
 #include "globals.h"
 #include "library.h"
+#include "options.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -21,20 +23,6 @@ namespace
 {
 
 using Json = nlohmann::ordered_json;
-
-/** What the command line says. */
-struct Options {
-    std::string database = "../audioplayerdatabase/audioDatabase.db"; // as the daemon finds it
-    ControlAddress control;
-    bool isJson = false;
-    bool isCart = false;
-    std::string playlist; ///< id or name
-    std::string source;   ///< id or name
-    std::vector<std::string> files;
-    std::string jump;
-    int sequence = 0;
-    int newSequence = 0;
-};
 
 /** Names and paths may hold bytes that are no UTF-8: those come out as the replacement character. */
 void print(const Json& json)
@@ -158,15 +146,12 @@ void start(const Options& options)
 
 void stop(const Options& options)
 {
+    if (options.isOverTcp) {
+        stopOverTcp(options);
+        return;
+    }
     sendStop(options.control);
     puts("Asked the player to stop");
-}
-
-void status(const Options&)
-{
-    if (!hearsHeartbeat())
-        throw Failure(EXIT_DAEMON_DOWN, "no heartbeat within 2.5 s: the player is not running");
-    puts("The player is running");
 }
 
 const char* const FOOTER = "Exit status: 0 done (status: the player runs), 1 the database or the system refused, 2 bad "
@@ -216,6 +201,15 @@ void addPlaylistCommands(CLI::App& app, Options& options, std::function<void(con
     wantsPlaylist(command("delete", "Delete a playlist and its entries; the files on disk stay", deletePlaylist));
 }
 
+void addSeatOptions(CLI::App& command, Options& options)
+{
+    command.add_flag("--take-seat", options.isSeatTaken,
+                     "With --host: connect also while another peer is connected, and throw it out");
+    command.add_option("--timeout", options.timeoutSeconds, "With --host: seconds to wait for an answer")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+}
+
 void addDaemonCommands(CLI::App& app, Options& options, std::function<void(const Options&)>& chosen)
 {
     const auto command = [&](const char* name, const char* help, void (*action)(const Options&)) {
@@ -227,8 +221,55 @@ void addDaemonCommands(CLI::App& app, Options& options, std::function<void(const
     command("start", "Start a source; what plays is replaced", start)
         ->add_option("SOURCE", options.source, "Its id or name, as \"sources\" lists them")
         ->required();
-    command("stop", "Stop what plays", stop);
-    command("status", "Listen for the player's heartbeat, up to 2.5 s", status);
+    CLI::App* stopping = command("stop", "Stop what plays", stop);
+    stopping->add_flag("--tcp", options.isOverTcp, "With --host: by a transaction, not by a datagram");
+    addSeatOptions(*stopping, options);
+    command("status", "Listen for the player's heartbeat, up to 2.5 s, and tell what went on air last", showStatus)
+        ->add_flag("--json", options.isJson, "Answer in JSON");
+}
+
+void addAutomationCommands(CLI::App& app, Options& options, std::function<void(const Options&)>& chosen)
+{
+    const auto command = [&](const char* name, const char* help, void (*action)(const Options&)) {
+        CLI::App* added = app.add_subcommand(name, help);
+        added->callback([&chosen, action] { chosen = action; });
+        addSeatOptions(*added, options);
+        return added;
+    };
+
+    CLI::App* upload = command("upload", "Have a playlist hold these files and nothing else", uploadPlaylist);
+    upload->add_option("NAME", options.playlist, "Its name; made if there is none")->required();
+    upload->add_option("FILE", options.files, "Audio files; - reads an M3U list from standard input")->required();
+    upload->add_option("--base", options.base, "Where relative files begin; the working directory if not given");
+
+    CLI::App* remove = command("delete", "Delete a playlist; files and the as-played log stay", deletePlaylistWithLog);
+    remove->add_option("NAME", options.playlist, "Its name, or without --host its id")->required();
+    remove->add_flag("--audio-files", options.isAudioDeleted, "Remove its files from the disk");
+    CLI::Option* clearing = remove->add_flag("--clear-log", options.isLogCleared, "Clear the whole as-played log");
+    remove->add_flag("--keep-log", options.isLogKept, "Keep the as-played log, as without --clear-log")
+        ->excludes(clearing);
+
+    command("play", "Start a playlist; what plays is replaced", playPlaylist)
+        ->add_option("NAME", options.playlist, "Its name, or without --host its id")
+        ->required();
+
+    CLI::App* log = command("as-played", "List what went on air", showAsPlayed);
+    CLI::Option* asJson = log->add_flag("--json", options.isJson, "List in JSON; with --follow an object a line");
+    log->add_flag("--csv", options.isCsv, "List in CSV")->excludes(asJson);
+    log->add_flag("--follow", options.isFollowed, "Go on with what comes, until interrupted; without --host");
+    log->add_flag("--delete", options.isLogDeleted, "Remove from the log what was listed");
+    log->add_option("--limit", options.limit, "The oldest entries only, as many")->check(CLI::Range(1, 1000000));
+
+    CLI::App* now = command("now-playing", "Tell what went on air last; with --host, next", showNowPlaying);
+    now->add_flag("--json", options.isJson, "Answer in JSON; with --follow an object a line");
+    now->add_flag("--follow", options.isFollowed, "Go on with what comes, until interrupted");
+}
+
+/** --host names a machine for datagrams; the automation commands see by it that they are to go over TCP. */
+void shareHost(Options& options)
+{
+    if (!options.host.empty())
+        options.control.host = options.host;
 }
 
 } // namespace
@@ -247,15 +288,19 @@ int main(int argc, char** argv)
     app.add_option("--db", options.database,
                    "The database; a relative path starts at the working directory, as the daemon's does")
         ->capture_default_str();
-    app.add_option("--host", options.control.host, "Where the player runs, for start and stop")->capture_default_str();
+    app.add_option("--host", options.host,
+                   "Where the player runs: start and stop send their datagrams there (127.0.0.1 if not given), the "
+                   "others connect to HOST[:PORT], TCP port 8500, and take the place of the studio's automation");
     app.add_option("--port", options.control.port, "The player's control port, for start and stop")
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
     addPlaylistCommands(app, options, chosen);
     addDaemonCommands(app, options, chosen);
+    addAutomationCommands(app, options, chosen);
 
     try {
         app.parse(argc, argv);
+        shareHost(options);
         chosen(options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE; // help and version end here too
