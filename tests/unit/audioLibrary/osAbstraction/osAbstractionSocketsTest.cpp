@@ -1762,9 +1762,12 @@ TEST_F(OsaSockets, FlushForgetsTheKernelsDataToo)
     sayTo(sock, peer, "kept");
     EXPECT_EQ(readText(sock), "kept");
     sayTo(sock, peer, "gone");
+    EXPECT_EQ(osaSockPeek(&sock), 4);
     peer.shut();
     waitFor(sock.fd(), POLLRDHUP);
     EXPECT_EQ(osaSockFlush(&sock), OSA_ERROR);
+    osaTcpDataSockClose(&sock);
+    EXPECT_EQ(osaSockPeek(&sock), 0); // what the ring held has gone, though reading ended in an error
 }
 
 TEST_F(OsaSockets, FlushDropsEveryDatagramThatWaits)
