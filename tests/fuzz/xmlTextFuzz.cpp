@@ -1,7 +1,7 @@
 /**
  * Any text given to the parser, on the audio manager's stack, beside the parser alone on a stack that is large enough.
  *
- *   input: the text
+ *   input: the text; as in the daemon a line end follows it, without which no text parses, unless a zero byte ends it
  *
  * What is parsed is what the parser alone makes of the text. What is refused unseen would have gone too deep, or have
  * had too many attributes, or would not have parsed anyway. The parser never reads behind the zeroes that end a text:
@@ -182,7 +182,7 @@ void link(const std::string& text)
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string text = fuzz::Input(data, size).rest();
-    parse(text);
+    parse(!text.empty() && text.back() == '\0' ? text : text + "\n");
     const size_t lineEnd = std::min(text.find('\n'), text.size());
     compare(text.substr(std::min(lineEnd + 1, text.size())), std::string(text.substr(0, lineEnd).c_str()));
     link(std::string(text.c_str()));
