@@ -288,7 +288,7 @@ TEST(TransactionSearch, FindsInWhateverPiecesWhatASearchOfTheWholeFinds)
     std::mt19937 random(20120619); // the same texts in each run
     const auto below = [&random](size_t limit) { return random() % limit; };
     int taken[3] = {};
-    for (int round = 0; round < 20000; round++) {
+    for (int round = 0; round < 8000; round++) {
         Received received;
         std::string plain;
         std::string history;

@@ -309,6 +309,7 @@ TEST(ParseXml, WhatOnlyLooksLikeElementsIsNoDepth)
              "<a b='" + tags + "'/>",
              "<a b=\"" + tags + "\"></a>",
              "<a b=" + times(300, "<b") + " ></a>",
+             "<a>" + times(300, "<b c=d/>") + "</a>", // a value without quotes ends at the '/'
              "<a>" + times(300, "<!b>") + "</a>",
              "<a>" + times(300, "<?b>") + "</a>",
              "<a>" + times(300, "<?xml version='1.0'?>") + "</a>",
