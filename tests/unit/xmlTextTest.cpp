@@ -379,7 +379,9 @@ TEST(ParseXml, ByteOrderMarksAreWhiteSpaceInUtf8Alone)
     EXPECT_EQ(verdictOn("\xEF\xBB\xBF" + text), PARSED);
     EXPECT_EQ(verdictOn("\xEF\xBB\xBF<" + marks + "r>" + nested(200) + "</r>"), REFUSED);
     EXPECT_EQ(verdictOn("\xEF\xBB\xBF<r" + marks + ">" + nested(200) + "</r" + marks + ">"), REFUSED);
-    // Read byte by byte they are letters of a name.
+    EXPECT_EQ(verdictOn("<?xml?><r/>" + marks + nested(201)), REFUSED);
+    // Read byte by byte they end the document, as any text does, or are letters of a name.
+    EXPECT_EQ(verdictOn("<r/>" + marks + nested(201)), PARSED);
     EXPECT_EQ(verdictOn("<r><\xEF\xBB\xBFs></s></r>"), NOT_PARSED);
     EXPECT_EQ(verdictOn("<r><\xEF\xBB\xBFs></\xEF\xBB\xBFs></r>"), PARSED);
 }
