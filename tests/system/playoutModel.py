@@ -1,4 +1,4 @@
-"""What a playlist of WAV files must sound like on the card, worked out frame by frame.
+"""What a playlist of WAV and MP3 files must sound like on the card, worked out frame by frame.
 
 The model is a second, independent reading of the audio path: file source, rate converter, mixer, change of files. It
 knows nothing of time. What goes to air in the same order whatever the timing is predicted exactly:
@@ -9,7 +9,7 @@ One thing is left to timing: whether the mixer still takes the period in which a
 before the player looks at the file again. So each change of files has two legal outcomes, one output period apart,
 and `explain` says which one a recording shows.
 
-    explain(recording, [wav1, wav2, wav1, ...], filter_path)
+    explain(recording, [wav1, mp3, wav1, ...], filter_path)
 
 raises AssertionError at the first frame that is neither, and else answers where each file begins and ends.
 """
@@ -19,7 +19,10 @@ import struct
 
 import numpy as np
 
+import mp3Decode
+
 FILE_PERIOD = 8192      # frames that the WAV source reads at a time
+MP3_PERIOD = 2048       # frames that the MP3 source decodes at a time
 TONE_PERIOD = 512       # frames in a period of the place-holder tone
 OUTPUT_PERIOD = 1024    # frames in a period of the converter's output
 RING_FRAMES = 180 * 256
@@ -135,6 +138,32 @@ class WavSource:
         return int(left / np.float32(self.rate) * np.float32(1000)) == 0
 
 
+class Mp3Source:
+    """Whole periods of what the decoder gives for the file; the one that is filled up with silence is the end."""
+
+    period = MP3_PERIOD
+
+    def __init__(self, path=None, decoded=None):
+        """The file at `path`, or (rate, channels, audio) in its place."""
+        self.rate, self.channels, self.audio = decoded or mp3Decode.decode(path)
+        self.offset = 0
+        self.done = False
+
+    def take(self):
+        piece = self.audio[self.offset : self.offset + self.period]
+        self.offset += len(piece)
+        self.done = self.done or len(piece) < self.period
+        return np.pad(piece, ((0, self.period - len(piece)), (0, 0))).astype(np.int64)
+
+    def at_end(self):
+        """The length is not known ahead: the end is seen when a period could not be filled."""
+        return self.done
+
+
+def source_of(path):
+    return Mp3Source(path) if str(path).endswith(".mp3") else WavSource(path)
+
+
 class ToneSource:
     """The place-holder at the head of a chain; it is never heard, but its converter runs on it."""
 
@@ -165,7 +194,7 @@ class Converter:
     def service(self):
         last_out = out = 1
         while not self.full:
-            if self.in_position == self.source.period:
+            if self.in_position >= self.source.period:  # above it when a longer period came before
                 self.inputs = self.source.take()
                 self.in_position = 0
             if self.in_position < self.source.period:
@@ -209,11 +238,11 @@ class Playout:
         self.first = True
 
     def next_file(self, path):
-        """Puts `path` on air; the converter that was on air becomes the standby one."""
+        """Puts `path`, or a source in its place, on air; the converter that was on air becomes the standby one."""
         if not self.first:
             self.active, self.standby = self.standby, self.active
         self.first = False
-        self.active.connect(WavSource(path))
+        self.active.connect(path if hasattr(path, "take") else source_of(path))
         periods = []
         while True:
             self.active.service()

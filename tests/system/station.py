@@ -3,6 +3,7 @@ the virtual card.
 
     station = Station(daemon)                          # fixture of conftest.py
     news = station.wav("news.wav", rate=44100, seconds=0.5)
+    song = station.mp3("song.mp3", rate=44100, seconds=0.5)
     source = station.playlist("morning", [news, ...])  # the id that a start datagram names
     station.on_air(source)
     station.wait_frames(100000)                        # frames on the card, by its own clock
@@ -12,6 +13,7 @@ the virtual card.
 import pathlib
 import sqlite3
 import struct
+import subprocess
 
 import numpy as np
 
@@ -27,6 +29,14 @@ def noise(frames, channels=2, seed=1, amplitude=12000):
 def sine(frames, rate, frequency, channels=2, amplitude=16384.0):
     wave = amplitude * np.sin(2 * np.pi * frequency * np.arange(frames) / rate)
     return np.repeat(wave.round().astype("<i2")[:, None], channels, axis=1)
+
+
+def sweep(frames, rate, channels=2, seed=1):
+    """A tone that never repeats itself, from 200 Hz up, with some noise: what an encoder keeps and a listener knows."""
+    place = np.arange(frames) / rate
+    hiss = np.random.default_rng(seed).integers(-600, 600, size=(frames, channels))
+    tones = [9000 * np.sin(2 * np.pi * (200 + 37 * (seed % 7) + 90 * n + 400 * place) * place) for n in range(channels)]
+    return (np.stack(tones, axis=1) + hiss).round().astype("<i2")
 
 
 def wav_bytes(samples, rate, bits=16, before=b"", after=b"", **header):
@@ -47,6 +57,10 @@ def chunk(identifier, content):
     return struct.pack("<4sI", identifier, len(content)) + content
 
 
+def item_kind(path):
+    return "mp3" if str(path).endswith(".mp3") else "wav"
+
+
 class Station:
     def __init__(self, daemon, card):
         self.daemon = daemon
@@ -65,17 +79,35 @@ class Station:
         path.write_bytes(wav_bytes(samples, rate, **options))
         return path
 
+    def mp3(self, name, rate=44100, channels=2, frames=None, seconds=0.5, samples=None, options=(), seed=None):
+        """Encodes an MP3 file and answers its path; its audio is a tone unless `samples` gives it.
+
+        `options` go to the encoder: ("-V", "2") for a variable bit rate, ("-t",) for a file without the tag frame.
+        """
+        path = self.directory / name
+        if samples is None:
+            count = frames if frames is not None else int(rate * seconds)
+            samples = sweep(count, rate, channels, seed if seed is not None else sum(name.encode()))
+        wav = path.with_suffix(".source.wav")
+        wav.write_bytes(wav_bytes(samples, rate))
+        subprocess.run(["lame", "--quiet", "--resample", str(rate / 1000), *options, wav, path], check=True)
+        wav.unlink()
+        return path
+
     # -- library ------------------------------------------------------------------------------------------------------
 
     def playlist(self, name, entries):
-        """Adds a playlist of `entries` (paths, or (type, path) pairs) and answers the id of its audio source."""
+        """Adds a playlist of `entries` (paths, or (type, path) pairs) and answers the id of its audio source.
+
+        A path alone is an MP3 file by its name's end, or else a WAV file.
+        """
         with sqlite3.connect(self.daemon.database, timeout=10) as db:
             db.execute("PRAGMA foreign_keys = ON")
             sequence = db.execute("SELECT coalesce(max(sequence), 0) + 1 FROM T_Playlists").fetchone()[0]
             playlist = db.execute("INSERT INTO T_Playlists (sequence, name, playlist_type) VALUES (?, ?, 1)",
                                   (sequence, name)).lastrowid
             for place, entry in enumerate(entries, start=1):
-                kind, path = entry if isinstance(entry, tuple) else ("wav", entry)
+                kind, path = entry if isinstance(entry, tuple) else (item_kind(entry), entry)
                 item = db.execute(
                     "INSERT INTO T_Items (pathname, item_type, item_length_in_samples, item_sample_rate) "
                     "VALUES (?, ?, 48000, 48000)", (str(path), ITEM_TYPES[kind])).lastrowid
@@ -105,7 +137,7 @@ class Station:
 
     def wait_item(self, path, timeout=60):
         """Waits until the daemon says that it plays `path`."""
-        self.daemon.wait_log(r"WavFilePlayer: " + str(path) + "$", timeout)
+        self.daemon.wait_log(r"(Wav|Mp3)FilePlayer: " + str(path) + "$", timeout)
 
     def recording(self, number=-1):
         """What went to air in one opening of the card: the last one unless `number` says otherwise."""

@@ -1051,6 +1051,23 @@ TEST_F(FilePlayerSteps, Mp3FileGoesToTheHeadOfTheChain)
     EXPECT_THAT(script.events, Contains("playing now a.mp3"));
 }
 
+TEST_F(FilePlayerSteps, Mp3AndWavFilesFollowEachOtherAtTheirEnds)
+{
+    addEntry(playlist, 1, ItemType::MP3, "a.mp3");
+    addEntry(playlist, 2, ItemType::WAV, "b.wav");
+    build();
+    ASSERT_EQ(start(), PLAYER_STARTED);
+    EXPECT_EQ(service(), PLAYER_STARTED);
+    EXPECT_TRUE(opened().empty());
+    EXPECT_EQ(endOf("a.mp3"), PLAYER_STARTED);
+    EXPECT_THAT(opened(), ElementsAre("b.wav"));
+    EXPECT_EQ(head(ACTIVE), "a.mp3"); // the names stay with the chains; their roles have changed
+    EXPECT_EQ(head(STANDBY), "b.wav");
+    EXPECT_EQ(endOf("b.wav"), PLAYER_STARTED);
+    EXPECT_THAT(opened(), ElementsAre("a.mp3"));
+    EXPECT_THAT(script.events, Contains("~a.mp3")); // the block of its first round gives way
+}
+
 // ---- jumps
 
 /** Adds an entry to playlist 2, on a connection of its own, when the fifth lookup begins. */

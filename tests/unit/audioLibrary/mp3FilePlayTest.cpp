@@ -38,6 +38,7 @@ struct Script {
 
     std::optional<int> init, newError, openFeed;
     std::optional<int> encoding, rate, channels; ///< in place of what getformat tells
+    size_t decodedBytes = 0;                     ///< the next decode gives so many bytes of 0x33 and wants more
     std::deque<int> decode;                      ///< results of the next decodes with no work done
     bool fillsOutput = false;                    ///< a decode with input writes all the output that it was offered
     std::deque<int> reads;  ///< answers of the next reads, none of which moves the file but REAL_READ
@@ -177,6 +178,12 @@ int __wrap_mpg123_decode(mpg123_handle* mh, const unsigned char* in, size_t inBy
     called("decode", inBytes, "into", outBytes);
     if (script.fillsOutput && in != nullptr && out != nullptr) {
         std::memset(out, 0x55, outBytes);
+    }
+    if (script.decodedBytes != 0) {
+        *done = std::min(script.decodedBytes, outBytes);
+        std::memset(out, 0x33, *done);
+        script.decodedBytes = 0;
+        return MPG123_NEED_MORE;
     }
     if (!script.decode.empty()) {
         if (done != nullptr) {
@@ -954,6 +961,37 @@ TEST_F(Mp3Reading, DecoderThatGivesNothingIsAskedAgain)
     script.decode = {MPG123_OK, MPG123_ERR, MPG123_NEW_FORMAT, MPG123_NO_SPACE};
     expectSameBytes(readToTheEnd(), padded(mp3Files::decodeFed(file, 2048).audio, block->workBufferSize));
     EXPECT_TRUE(script.decode.empty());
+}
+
+TEST_F(Mp3Reading, PeriodThatIsFullNeedsNoMoreOfTheFile)
+{
+    play(mp3Files::encode({}), 100);
+    script.recording = true;
+    script.decodedBytes = 400;
+    EXPECT_EQ(request(), bytes(400, 0x33));
+    EXPECT_THAT(script.calls, ElementsAre("decode 0 into 400"));
+    acknowledge();
+    script.calls.clear();
+    script.decodedBytes = 300; // it wants more, but what it has is asked for first
+    const bytes second = request();
+    EXPECT_EQ(bytes(second.begin(), second.begin() + 300), bytes(300, 0x33));
+    EXPECT_THAT(script.calls, ElementsAre("decode 0 into 400", "decode 0 into 100"));
+}
+
+TEST_F(Mp3Reading, NewFileStartsWithNothingDecodedAndNothingConsumed)
+{
+    const bytes file = mp3Files::encode({});
+    play(file, 4096);
+    (void)read();
+    script.reads = {-1};
+    (void)traced(-1, [&] { (void)request(); });
+    ASSERT_GT(block->decodedBytes, 0);
+    ASSERT_GT(block->framesConsumed, 0U);
+    (void)block->port().disconnect();
+    play(file, 4096);
+    EXPECT_EQ(block->decodedBytes, 0);
+    EXPECT_EQ(block->framesConsumed, 0U);
+    expectSameBytes(readToTheEnd(), padded(mp3Files::decodeFed(file, 2048).audio, 16384));
 }
 
 TEST_F(Mp3Reading, EachRequestIsToldAtLevel8)
