@@ -99,7 +99,8 @@ struct destAddress {
 
 /**
  * A socket. The owner clears the object (`sockObject{}`), fills the configuration, opens it, and closes it once.
- * Every operation polls: none waits for a peer or for data, but osaGetHostByName for the resolver.
+ * Reading and accepting never wait. osaSockConnect and osaSockWrite wait only with `blocking`; osaGetHostByName, and so
+ * osaSockOpen of a client with a `host`, waits for the resolver.
  */
 struct sockObject {
     objectId id{ID_SOCK_OBJECT, 0, nullptr, nullptr}; ///< slot 0 is never given out: it names no live context
@@ -147,7 +148,8 @@ osaStatus osaSockOpen(sockObject* sock);
  * Closes the descriptors, removes the ARP entry that opening made, and frees the slot. Close an object once: it keeps
  * its index, and a second close frees the slot of whoever has it by then.
  *
- * @return OSA_OK, also for an object that was never opened
+ * @return OSA_OK, also for an object that was never opened; OSA_EINVAL for one whose opening found no slot (its index
+ *         is 64) and for an open one whose slot is free
  */
 osaStatus osaSockClose(sockObject* sock);
 

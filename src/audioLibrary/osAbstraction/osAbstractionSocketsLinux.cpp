@@ -7,8 +7,9 @@
  * The ring is in the private context, from open to close. Its write position moves in peek and its read position in
  * read, both on the owner's thread: the automation server's and the players' is audio_manager.
  *
- * No operation waits, but for osaGetHostByName on the resolver and for what an owner asked for with `blocking`. There
- * is no lock: a socket belongs to one owner at a time, and the table changes only in open and close.
+ * Reading never waits. Connecting and writing wait where an owner asked for it with `blocking`, and what resolves a name
+ * waits for the resolver. There is no lock: a socket belongs to one owner at a time, and the table changes only in open
+ * and close.
  */
 
 #include "audioLibrary/osAbstraction/osAbstraction.h"
@@ -378,8 +379,10 @@ int peekDatagram(sockObject* sock, sockContext& context)
     if (context.packetBufferCount != 0) {
         return static_cast<int>(context.packetBufferCount);
     }
+    // A blocking descriptor is looked at first: with nothing waiting, the result is that of a read which does not wait.
+    const bool mayRead = sock->blocking == 0 || readyNow(context.fd, readiness::toRead) > 0;
     // One byte more than fits tells a datagram that is too long from one that just fits.
-    const ssize_t numRead = read(context.fd, context.packetBuffer, size_t{sock->packetBufferSize} + 1);
+    const ssize_t numRead = mayRead ? read(context.fd, context.packetBuffer, size_t{sock->packetBufferSize} + 1) : -1;
     clearRing(context);
     sock->errorCode = static_cast<int>(numRead);
     if (numRead > static_cast<ssize_t>(sock->packetBufferSize)) {
@@ -654,7 +657,7 @@ osaStatus osaTcpDataSockClose(sockObject* sock)
     if (context == nullptr) {
         return OSA_EINVAL;
     }
-    if (sock->dataOpen != 0) {
+    if (sock->dataOpen != 0) { // sic: the descriptor of a peer that a failed accept made deaf is forgotten, not closed
         close(context->fd);
     }
     sock->dataOpen = 0;

@@ -1453,6 +1453,20 @@ TEST_F(OsaSockets, AnotherAcceptErrorLeavesThePeerDeafUntilTheNextOne)
     waitFor(peer.fd, POLLHUP);
 }
 
+TEST_F(OsaSockets, ClosingTheDataSocketOfADeafPeerForgetsItsDescriptor)
+{
+    OwnSocket sock(SOCKTYPE_TCP_SINGLE_SERVER);
+    ASSERT_EQ(osaSockOpen(&sock), OSA_OK);
+    Peer peer;
+    acceptFor(sock, peer);
+    systemCalls.accept.fail(EMFILE);
+    quietPeek(sock);
+    const Descriptor forgotten(sock.fd());
+    EXPECT_EQ(osaTcpDataSockClose(&sock), OSA_OK);
+    EXPECT_EQ(sock.fd(), -1);
+    EXPECT_GE(fcntl(forgotten.fd, F_GETFD), 0);
+}
+
 TEST_F(OsaSockets, APeerOnDescriptorZeroIsNotHeardAndNotClosedByTheNext)
 {
     OwnSocket sock(SOCKTYPE_TCP_SINGLE_SERVER);
@@ -1505,6 +1519,32 @@ TEST_F(OsaSockets, BlockingServerNeverWaitsInPeek)
     EXPECT_TRUE(systemCalls.selects.back().atOnce);
     EXPECT_EQ(tracedAt(0, [&] { EXPECT_EQ(osaSockPeek(&sock), 5); }), "");
     EXPECT_EQ(readText(sock), "hello");
+}
+
+TEST_F(OsaSockets, BlockingUdpInNeverWaitsInPeekReadOrFlush)
+{
+    OwnSocket sock(SOCKTYPE_UDP_IN);
+    sock.blocking = 1;
+    ASSERT_EQ(osaSockOpen(&sock), OSA_OK);
+    EXPECT_EQ(tracedAt(9, [&] { EXPECT_EQ(osaSockPeek(&sock), 0); }), "");
+    EXPECT_EQ(sock.errorCode, -1);
+    EXPECT_TRUE(systemCalls.reads.empty());
+    ASSERT_EQ(systemCalls.selects.size(), 1U);
+    EXPECT_EQ(systemCalls.selects[0].numDescriptors, sock.fd() + 1);
+    EXPECT_TRUE(systemCalls.selects[0].toRead);
+    EXPECT_FALSE(systemCalls.selects[0].toWrite);
+    EXPECT_TRUE(systemCalls.selects[0].atOnce);
+    DatagramPeer peer;
+    peer.say("hello", ourPort);
+    waitFor(sock.fd(), POLLIN);
+    systemCalls.select.fail(EINTR);
+    EXPECT_EQ(osaSockPeek(&sock), 0);
+    EXPECT_EQ(readText(sock), "hello"); // and looks for the next one without waiting
+    EXPECT_EQ(systemCalls.reads.size(), 1U);
+    peer.say("gone", ourPort);
+    waitFor(sock.fd(), POLLIN);
+    EXPECT_EQ(osaSockFlush(&sock), OSA_OK);
+    EXPECT_EQ(osaSockPeek(&sock), 0);
 }
 
 TEST_F(OsaSockets, AFailedSelectForAcceptCountsAsNothingWaiting)
