@@ -12,6 +12,7 @@ cd "$(dirname "$0")/.."
 
 longest_input_seconds=10
 memory_mb=2048
+checksum_name='.*/[0-9a-f]+' # as libFuzzer names what it finds
 
 merge=no seconds=60
 case "${1-}" in
@@ -67,19 +68,18 @@ stat_of() { # log name
   sed -n "s/^stat::$2: *//p" "$1"
 }
 
-merge_into_saved() { # target; the shortest inputs that reach all that is reached
-  local target=$1 all
+merge_into_saved() { # target; the shortest inputs that reach what the named ones do not
+  local target=$1 saved=tests/fuzz/corpus/$1 all
   all=$(mktemp -d "$build/merge.XXXXXX")
   mkdir -p "$build/found/$target"
-  run "$target" -merge=1 "$all" "tests/fuzz/corpus/$target" "$build/found/$target" >"$build/$target.log" 2>&1
-  # Inputs with names of their own stand for a mistake once made: they stay.
-  find "tests/fuzz/corpus/$target" -type f -regextype egrep -regex '.*/[0-9a-f]{40}' -delete
-  for input in "$all"/*; do
-    cmp -s "$input" /dev/null || cp "$input" "tests/fuzz/corpus/$target/$(sha1sum <"$input" | cut -c1-40)"
-  done
+  # Inputs with names of their own stand for a limit or a mistake once made: they stay.
+  find "$saved" -type f -not -regex "$checksum_name" -exec cp -t "$all" {} +
+  run "$target" -merge=1 -use_counters=0 "$all" "$saved" "$build/found/$target" >"$build/$target.log" 2>&1
+  find "$saved" -type f -regex "$checksum_name" -delete
+  find "$all" -type f -regex "$checksum_name" -exec cp -t "$saved" {} +
   rm -r "$all"
-  printf '%-12s %s inputs, %s\n' "$target" "$(find "tests/fuzz/corpus/$target" -type f | wc -l)" \
-    "$(du -sh --apparent-size "tests/fuzz/corpus/$target" | cut -f1)"
+  printf '%-12s %s inputs, %s\n' "$target" "$(find "$saved" -type f | wc -l)" \
+    "$(du -sh --apparent-size "$saved" | cut -f1)"
 }
 
 failed=no
