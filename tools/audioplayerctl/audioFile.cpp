@@ -21,10 +21,8 @@ constexpr uint32_t WAV_HEADER_BYTES = 36; ///< what the player reads at once: RI
 constexpr uint32_t CHUNK_HEADER_BYTES = 8;
 constexpr uint32_t FMT_CHUNK_BYTES = 16;
 constexpr uint32_t MAX_RATE_HZ = 48000;
+constexpr size_t MP3_READ_BYTES = 2048; ///< what the player hands to the decoder at a time
 constexpr uint32_t MIXER_RATE_HZ = 48000;
-
-/** Whether the player of this version has a source for MP3 files; without one it skips them, half a second each. */
-constexpr bool PLAYS_MP3 = false;
 
 uint32_t littleEndian16(const unsigned char* bytes)
 {
@@ -185,31 +183,62 @@ void inspectWav(FILE* file, AudioFile& result)
     warnOfEnd(result, end, static_cast<uint32_t>(std::min<uint64_t>(trailing, UINT32_MAX)));
 }
 
-void inspectMp3(const std::string& path, AudioFile& result)
+using Decoder = std::unique_ptr<mpg123_handle, void (*)(mpg123_handle*)>;
+
+Decoder newDecoder()
 {
-    result.itemType = ItemType::MP3;
     mpg123_init();
-    const std::unique_ptr<mpg123_handle, void (*)(mpg123_handle*)> decoder(mpg123_new(nullptr, nullptr), mpg123_delete);
-    long rate = 0;
-    int numChannels = 0;
-    int encoding = 0;
+    Decoder decoder(mpg123_new(nullptr, nullptr), mpg123_delete);
     if (decoder != nullptr)
         mpg123_param(decoder.get(), MPG123_ADD_FLAGS, MPG123_QUIET, 0.0); // its words are not ours
+    return decoder;
+}
+
+/**
+ * Looks for the first frame as the player does: the decoder is fed from the start of the file until it tells a format.
+ * Reading a file by itself, it takes less for a file than when it is fed.
+ *
+ * @return the rate in Hz; 0 when the file ends first, where the player goes on looking for ever
+ */
+uint32_t rateOfFirstFrame(FILE* file)
+{
+    const Decoder decoder = newDecoder();
+    if (decoder == nullptr || mpg123_open_feed(decoder.get()) != MPG123_OK)
+        return 0;
+    unsigned char bytes[MP3_READ_BYTES];
+    rewind(file);
+    while (const size_t numRead = fread(bytes, 1, sizeof bytes, file)) {
+        const int status = mpg123_decode(decoder.get(), bytes, numRead, nullptr, 0, nullptr);
+        long rate = 0;
+        int numChannels = 0;
+        int encoding = 0;
+        mpg123_getformat(decoder.get(), &rate, &numChannels, &encoding);
+        if (status == MPG123_NEW_FORMAT)
+            return rate > 0 ? static_cast<uint32_t>(rate) : 0;
+    }
+    return 0;
+}
+
+/** Frames in the file as they are decoded, without the encoder's delay and padding; 0 if that can't be told. */
+uint32_t lengthOfMp3(const std::string& path)
+{
+    const Decoder decoder = newDecoder();
     if (decoder == nullptr || mpg123_open(decoder.get(), path.c_str()) != MPG123_OK ||
-        mpg123_getformat(decoder.get(), &rate, &numChannels, &encoding) != MPG123_OK || rate <= 0) {
-        result.warnings.push_back("it will not play: no MPEG audio is found in it");
+        mpg123_scan(decoder.get()) != MPG123_OK)
+        return 0;
+    const off_t length = mpg123_length(decoder.get());
+    return length > 0 ? static_cast<uint32_t>(std::min<off_t>(length, UINT32_MAX)) : 0;
+}
+
+void inspectMp3(const std::string& path, FILE* file, AudioFile& result)
+{
+    result.itemType = ItemType::MP3;
+    result.rateHz = rateOfFirstFrame(file);
+    if (result.rateHz == 0) {
+        result.warnings.push_back("the player will hang on it for ever: no MPEG audio is found in it");
         return;
     }
-    result.rateHz = static_cast<uint32_t>(rate);
-    if (mpg123_scan(decoder.get()) == MPG123_OK) {
-        const off_t length = mpg123_length(decoder.get());
-        result.numFrames = length > 0 ? static_cast<uint32_t>(std::min<off_t>(length, UINT32_MAX)) : 0;
-    }
-    if (!PLAYS_MP3)
-        result.warnings.push_back("it will not play: this version of the player plays no MP3 files");
-    if (result.rateHz > MAX_RATE_HZ)
-        result.warnings.push_back("it will not play: its sample rate is " + number(result.rateHz) +
-                                  " Hz, at most 48000 can be");
+    result.numFrames = lengthOfMp3(path);
 }
 
 } // namespace
@@ -254,7 +283,7 @@ bool inspectAudioFile(const std::string& path, AudioFile& file)
     }
     AudioFile result;
     if (strcasecmp(std::filesystem::path(path).extension().c_str(), ".mp3") == 0)
-        inspectMp3(path, result);
+        inspectMp3(path, opened.get(), result);
     else
         inspectWav(opened.get(), result);
     file = result;

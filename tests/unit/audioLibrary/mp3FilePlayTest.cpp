@@ -780,6 +780,9 @@ TEST_P(Mp3Kinds, DecodedAudioIsTheLibrarysOwnFromTheFirstSampleToTheLast)
 }
 
 const kind kinds[] = {
+    {"Cbr8000Mono", {.rate = 8000, .channels = 1}, 2048},
+    {"Vbr11025Stereo", {.rate = 11025, .variableRate = true}, 2048},
+    {"Cbr12000Stereo", {.rate = 12000}, 2048},
     {"Cbr16000Stereo", {.rate = 16000}, 2048},
     {"Cbr16000Mono", {.rate = 16000, .channels = 1}, 2048},
     {"Cbr22050Stereo", {.rate = 22050}, 2048},
