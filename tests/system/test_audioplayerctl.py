@@ -509,9 +509,29 @@ def test_a_command_line_without_sense_is_a_usage_error(station, arguments):
     station.ctl(*arguments, expect=USAGE)
 
 
-def test_the_completion_knows_the_commands(station):
+def completions(station, *words):
+    """What the shell offers for the last of the words."""
     script = ROOT / "tools" / "audioplayerctl" / "audioplayerctl.bash-completion"
+    line = " ".join(f"'{word}'" for word in ("audioplayerctl", *words))
     result = subprocess.run(
-        ["bash", "-c", f"source {script}; COMP_WORDS=(audioplayerctl playlist de); COMP_CWORD=2; _audioplayerctl; "
-                       'echo "${COMPREPLY[@]}"'], capture_output=True, text=True, check=True)
-    assert result.stdout == "delete\n"
+        ["bash", "-c", f"source {script}; COMP_WORDS=({line}); COMP_CWORD={len(words)}; _audioplayerctl; "
+                       'printf "%s\\n" "${COMPREPLY[@]}"'],
+        cwd=station.run, env=dict(os.environ, PATH=f"{TOOL.parent}:{os.environ['PATH']}"), capture_output=True,
+        text=True, check=True)
+    return result.stdout.split("\n")[:-1]
+
+
+def test_the_completion_knows_the_commands(station):
+    assert completions(station, "playlist", "de") == ["delete"]
+    assert completions(station, "de") == ["delete"]
+    assert completions(station, "--host", "x", "as-played", "--") == [
+        "--help", "--db", "--host", "--port", "--csv", "--delete", "--follow", "--json", "--limit", "--take-seat",
+        "--timeout"]
+
+
+def test_the_completion_knows_the_playlists(morning):
+    morning.ctl("playlist", "create", "late night")
+    assert completions(morning, "play", "") == ["morning", "late night"]
+    assert completions(morning, "delete", "l") == ["late night"]
+    assert completions(morning, "upload", "m") == ["morning"]
+    assert completions(morning, "play", "morning", "") == [""]

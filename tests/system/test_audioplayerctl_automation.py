@@ -13,7 +13,7 @@ import time
 import pytest
 
 from automationPeer import AutomationPeer
-from daemonHarness import AUTOMATION_PORT, DEFAULT_TIMEOUT
+from daemonHarness import AUTOMATION_PORT, DEFAULT_TIMEOUT, HEARTBEAT_PORT
 from station import noise, wav_bytes
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -551,6 +551,14 @@ def test_status_tells_that_the_player_runs_and_what_is_on_air(history):
     history.kill()
     result = ctl(history, "status", "--json", expect=DOWN)
     assert json.loads(result.stdout) == {"running": False, "on_air": None}
+
+
+def test_status_beside_a_watchdog_still_tells_what_is_on_air(history):
+    with history.receiver(HEARTBEAT_PORT):
+        result = ctl(history, "status", expect=IN_USE)
+        assert result.stdout.startswith("On air: /mnt/usb/a.wav from")
+        told = json.loads(ctl(history, "status", "--json", expect=IN_USE).stdout)
+        assert told["running"] is None and told["on_air"]["file"] == "/mnt/usb/a.wav"
 
 
 def test_status_without_a_database_tells_the_heartbeat_alone(server):

@@ -430,16 +430,28 @@ void showNowPlaying(const Options& options)
 
 void showStatus(const Options& options)
 {
-    const bool isRunning = hearsHeartbeat();
-    const std::optional<AsPlayedRow> row = isRunning ? lastItem(options) : std::nullopt;
+    // On a station the watchdog listens for the heartbeat: what the log tells is told all the same.
+    std::optional<Failure> trouble;
+    bool isRunning = false;
+    try {
+        isRunning = hearsHeartbeat();
+        if (!isRunning)
+            trouble.emplace(EXIT_DAEMON_DOWN, "no heartbeat within 2.5 s: the player is not running");
+    } catch (const Failure& failure) {
+        trouble.emplace(failure);
+    }
+    const bool isKnown = isRunning || trouble->status == EXIT_DAEMON_DOWN;
+    const std::optional<AsPlayedRow> row = isKnown && !isRunning ? std::nullopt : lastItem(options);
     if (options.isJson) {
-        const Json json = {{"running", isRunning}, {"on_air", row.has_value() ? jsonOf(*row) : Json()}};
+        const Json json = {{"running", isKnown ? Json(isRunning) : Json()},
+                           {"on_air", row.has_value() ? jsonOf(*row) : Json()}};
         puts(json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
-    } else if (isRunning) {
-        puts("The player is running");
+    } else {
+        if (isRunning)
+            puts("The player is running");
         if (row.has_value())
             printItem(*row);
     }
-    if (!isRunning)
-        throw Failure(EXIT_DAEMON_DOWN, "no heartbeat within 2.5 s: the player is not running");
+    if (trouble.has_value())
+        throw Failure(*trouble);
 }

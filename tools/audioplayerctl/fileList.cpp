@@ -47,8 +47,11 @@ std::vector<std::string> expandFiles(const std::vector<std::string>& given, std:
     std::vector<std::string> files;
     for (const std::string& file : given) {
         const std::vector<std::string> named = file == "-" ? readM3u(list) : std::vector<std::string>{file};
-        for (const std::string& one : named)
+        for (const std::string& one : named) {
+            if (one.empty())
+                throw Failure(EXIT_USAGE, "a file's name is empty");
             files.push_back((fs::path(base) / one).string()); // an absolute path stays
+        }
     }
     if (files.empty())
         throw Failure(EXIT_USAGE, "the list names no files");
