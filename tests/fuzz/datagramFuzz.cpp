@@ -47,11 +47,11 @@ namespace
 constexpr size_t receivedAtMost = 1024;
 
 /** The little-endian integer at `offset`; 0 if the datagram ends before its last byte. */
-uint64_t integerAt(const std::string& bytes, size_t offset, size_t numBytes)
+uint32_t integerAt(const std::string& bytes, size_t offset, size_t numBytes)
 {
-    uint64_t value = 0;
+    uint32_t value = 0;
     for (size_t i = 0; offset + numBytes <= bytes.size() && i < numBytes; i++) {
-        value |= static_cast<uint64_t>(static_cast<uint8_t>(bytes[offset + i])) << (8 * i);
+        value |= static_cast<uint32_t>(static_cast<uint8_t>(bytes[offset + i])) << (8 * i);
     }
     return value;
 }
@@ -82,7 +82,7 @@ void controlRequest(const std::string& bytes)
     const bool isStart = isSet && integerAt(bytes, 1, 4) == 0x1202;
     const bool isStop = isSet && integerAt(bytes, 1, 4) == 0x1203;
     MUST_HOLD(requests.started.size() == (isStart ? 1 : 0));
-    MUST_HOLD(!isStart || requests.started[0] == static_cast<int32_t>(static_cast<uint32_t>(integerAt(bytes, 5, 4))));
+    MUST_HOLD(!isStart || requests.started[0] == static_cast<int32_t>(integerAt(bytes, 5, 4)));
     MUST_HOLD(requests.stopped == (isStop ? 1 : 0));
 }
 
