@@ -254,7 +254,7 @@ void CAsPlayedLog::formatTime(char* buf, unsigned int sec, unsigned int usec)
 
 // ---- trimming
 
-/** Removes the oldest rows of a full table and leaves the words for it in entryDesc; answers their number, 0 if none. */
+/** Removes the oldest rows of a full table and leaves the words for it in entryDesc; answers how many were to go. */
 int CAsPlayedLog::trimLog()
 {
     const unsigned int numEntries = getNumEntries();
