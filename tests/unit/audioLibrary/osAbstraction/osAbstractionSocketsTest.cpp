@@ -38,6 +38,7 @@
 #include <vector>
 
 #ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -142,6 +143,7 @@ System systemCalls;
 /** Counts down to the allocation that is refused; negative refuses none. */
 int allocationsUntilRefusal = -1;
 std::vector<size_t> arrayAllocations;
+const void* newestContext = nullptr; ///< contexts are all that is allocated one by one
 
 bool allocationIsRefused()
 {
@@ -152,7 +154,9 @@ bool allocationIsRefused()
 
 void* operator new(size_t numBytes, const std::nothrow_t&) noexcept
 {
-    return allocationIsRefused() ? nullptr : ::operator new(numBytes);
+    void* context = allocationIsRefused() ? nullptr : ::operator new(numBytes);
+    newestContext = context;
+    return context;
 }
 
 void* operator new[](size_t numBytes, const std::nothrow_t&) noexcept
@@ -763,6 +767,9 @@ TEST_F(OsaSockets, InitForgetsTheSocketsAndExitDeletesTheirContexts)
     EXPECT_EQ(deleted.id.index, 1U);
     const int otherFd = deleted.fd();
     EXPECT_EQ(osaExit(), OSA_OK);
+#ifdef __SANITIZE_ADDRESS__
+    EXPECT_TRUE(__asan_address_is_poisoned(newestContext));
+#endif
     EXPECT_EQ(printedBy([&] { osaGetFileDescriptor(&deleted); }),
               "ERROR: osaGetFileDescriptor()-#:socket context is NULL\n");
     EXPECT_GE(fcntl(fd, F_GETFD), 0); // the descriptors are open still
