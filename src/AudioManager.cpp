@@ -146,7 +146,7 @@ bool waitForDatagram(int fd_audio_manager, uint32_t sleepTime)
 
 void runPass(console& cmd, int fd_audio_manager)
 {
-    api->service();
+    (void)api->service(); // a failure is told there, and the next pass tries again
     cmd.service();
     fflush(stdout);
 
@@ -201,7 +201,7 @@ void* AudioManager(void*)
     const int fd_audio_manager = openControlSocket();
     const ByteArray writeStatus(256); // never filled or sent: nothing goes back to the server process
     cmd.setPrompt();
-    api->init();
+    (void)api->init(); // without its socket each pass tries again
 
     for (;;) {
         runPass(cmd, fd_audio_manager);

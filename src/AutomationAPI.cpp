@@ -23,7 +23,7 @@ constexpr unsigned int RECEIVE_BYTES = 4095; ///< the most that is taken in one 
 } // namespace
 
 AutomationAPI::AutomationAPI(AudioDatabase* database)
-    : db(database), sock(std::make_unique<sockObject>()), buffer(std::make_unique<char[]>(RECEIVE_BYTES + 1))
+    : db(database), sock(new sockObject{}), buffer(new char[RECEIVE_BYTES + 1])
 {
 }
 
@@ -40,7 +40,7 @@ int AutomationAPI::init()
 
 int AutomationAPI::openSocket()
 {
-    const osaStatus status = osaSockOpen(sock.get());
+    const osaStatus status = osaSockOpen(sock);
     if (status != OSA_OK) {
         printf("Unable to open socket (%d)\n", static_cast<int>(status));
         return -1;
@@ -61,10 +61,10 @@ int AutomationAPI::service()
 /** Adds what the peer has sent to `allxml`. A zero byte cuts off the rest of the read. */
 void AutomationAPI::receive()
 {
-    const int numBytes = osaSockRead(sock.get(), buffer.get(), RECEIVE_BYTES);
+    const int numBytes = osaSockRead(sock, buffer, RECEIVE_BYTES);
     if (numBytes > 0) {
-        buffer[static_cast<size_t>(numBytes)] = '\0';
-        allxml += buffer.get();
+        buffer[numBytes] = '\0';
+        allxml += buffer;
     }
 }
 
@@ -136,7 +136,7 @@ void AutomationAPI::sendAnswer(TiXmlDocument& answer, TiXmlElement& root)
     answer.Accept(&printer);
     std::string text = printer.Str();
     // A peer that is gone or does not read misses its answer, and nothing else.
-    (void)osaSockWrite(sock.get(), text.data(), static_cast<unsigned int>(text.size()));
+    (void)osaSockWrite(sock, text.data(), static_cast<unsigned int>(text.size()));
     transaction.clear();
 }
 

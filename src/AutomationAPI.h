@@ -16,8 +16,6 @@
 #include "TransactionSearch.h"
 #include "audioLibrary/osAbstraction/osAbstraction.h"
 
-#include <cstddef>
-#include <memory>
 #include <string>
 
 class AudioDatabase;
@@ -31,6 +29,7 @@ class AutomationAPI
 public:
     /** Opens nothing. @param database  not owned */
     explicit AutomationAPI(AudioDatabase* database);
+    /** Never run in the daemon. The receive buffer stays, and the socket as it is: one that is open refers to `sock`. */
     ~AutomationAPI();
     AutomationAPI(const AutomationAPI&) = delete;
     AutomationAPI& operator=(const AutomationAPI&) = delete;
@@ -44,7 +43,8 @@ public:
     /**
      * One polling step: takes in at most 4095 bytes and carries out at most one transaction; a second one waits for
      * the next step. Bytes are kept across a change of peers, and without a limit until a transaction is found in them.
-     * @return 0; -1 if a closed socket can't be opened again, to which a step is given up
+     * A step that finds the socket closed opens it, and does nothing else.
+     * @return 0; -1 if a closed socket can't be opened again
      */
     int service();
 
@@ -88,26 +88,32 @@ private:
     void startPlaylist(TiXmlNode& transactionElement, TiXmlElement* response);
     void stopPlaylist(TiXmlNode& transactionElement, TiXmlElement* response);
 
+    // The commands on one child of the transaction each; `log` is responseLog.
+
+    /** @return 1 once a playlist has been filled; 0 for what is no element; -1 on failure */
     int parseUploadPlaylist(TiXmlNode* pParent);
+    /** @return 0; -1 for an element that is no item */
     int parseUploadPlaylistItems(TiXmlNode* pParent);
+    /** @return 0 to go on, also after a playlist that is missing; -1 to stop */
     int parseDeletePlaylists(TiXmlNode* pParent, TiXmlElement* response, std::string& log);
+    /** @return 1 for a playlist, started or missing; -1 for anything else */
     int parseStartPlaylist(TiXmlNode* pParent, TiXmlElement* response, std::string& log);
 
     // All of these live from one pass to the next.
-    AudioDatabase* db;                ///< not owned
-    std::unique_ptr<sockObject> sock; ///< the listening socket and its one peer
-    std::unique_ptr<char[]> buffer;   ///< receive buffer, 4096 bytes
-    std::string allxml;               ///< every byte received and not yet consumed
-    std::string transaction;          ///< text of the transaction being handled
-    std::string transCmd;             ///< its `command`
-    std::string transNum;             ///< its `transactionNumber`
-    std::string transType;            ///< its `type`
-    std::string playlistName;         ///< name in the upload in progress
-    std::string playlistAutoRef;      ///< `automationRef` in the upload in progress
-    int playlistId = 0;               ///< id of the playlist in the upload in progress
-    unsigned int playlistItemSeq = 0; ///< running sequence of the upload in progress
-    int playlistItemId = 0;           ///< id of the last item handled in the upload
-    responseStatus_e responseStatus = RESPONSE_SUCCESS;
-    std::string responseLog;  ///< lines of text for the peer, each ending in a newline
-    TransactionSearch search; ///< how far allxml has been searched
+    AudioDatabase* db;                                  ///< not owned
+    sockObject* sock;                                   ///< the listening socket and its one peer; never deleted
+    char* buffer;                                       ///< receive buffer, 4096 bytes; never deleted
+    std::string allxml;                                 ///< every byte received and not yet consumed
+    std::string transaction;                            ///< text of the transaction being handled
+    std::string transCmd;                               ///< its `command`
+    std::string transNum;                               ///< its `transactionNumber`
+    std::string transType;                              ///< its `type`
+    std::string playlistName;                           ///< name in the upload in progress
+    std::string playlistAutoRef;                        ///< `automationRef` in the upload in progress
+    int playlistId = 0;                                 ///< id of the playlist in the upload in progress
+    unsigned int playlistItemSeq = 0;                   ///< running sequence of the upload in progress
+    int playlistItemId = 0;                             ///< id of the last item handled in the upload
+    responseStatus_e responseStatus = RESPONSE_SUCCESS; ///< verdict on the transaction being handled
+    std::string responseLog;                            ///< lines of text for the peer, each ending in a newline
+    TransactionSearch search;                           ///< how far allxml has been searched
 };

@@ -36,7 +36,7 @@ constexpr int UPLOADED_PLAYLIST_SEQUENCE = PlaylistItem::RESERVED_ID + 1;
 /** Before the first item of an upload, which so gets 2. */
 constexpr unsigned int SEQUENCE_BEFORE_UPLOAD = 1;
 
-/** What the as-played log has carried for the transmit side ever since. */
+/** Status of the transmit side, the same in all entries of the as-played log. */
 constexpr int TX_STATUS = 100;
 
 /** The value of the attribute, of the last one where several differ by case alone; null if there is none. Not owned. */
@@ -319,7 +319,7 @@ void AutomationAPI::sendPlayingNowTransaction(PlaylistItem* pli)
     if (asPlayedLog->isPlayingNowEnabled()) {
         std::string text = playingNowText(playlist.getName(), pli->getPath());
         if (sock->dataOpen != 0) // nobody listens otherwise, and nothing is kept for later
-            (void)osaSockWrite(sock.get(), text.data(), static_cast<unsigned int>(text.size()));
+            (void)osaSockWrite(sock, text.data(), static_cast<unsigned int>(text.size()));
     }
     transaction.clear();
 }

@@ -46,6 +46,8 @@ struct Peer {
     std::vector<std::string> parsed;
     int written = 0;
     bool open = false; ///< the server's socket
+    sockObject* sock = nullptr;
+    char* buffer = nullptr;
 
     std::optional<uint8_t> nextEvent() const
     {
@@ -91,6 +93,7 @@ extern "C" osaStatus __wrap__Z11osaSockOpenP10sockObject(sockObject* sock)
         peer.events.erase(0, 1);
         return OSA_SOCK_ERROR;
     }
+    peer.sock = sock;
     sock->open = 1;
     sock->dataOpen = 1;
     peer.open = true;
@@ -101,6 +104,8 @@ extern "C" osaStatus __wrap__Z11osaSockOpenP10sockObject(sockObject* sock)
 extern "C" int __wrap__Z11osaSockReadP10sockObjectPcj(sockObject* sock, char* buffer, unsigned int numBytes)
 {
     MUST_HOLD(numBytes <= longestRead);
+    peer.sock = sock;
+    peer.buffer = buffer;
     size_t wanted = longestRead;
     if (const std::optional<uint8_t> event = peer.nextEvent()) {
         peer.events.erase(0, 1);
@@ -275,6 +280,18 @@ void serve(AutomationAPI& server)
     }
 }
 
+/** Destroys the server and, as its destructor does not, its socket object and its buffer. */
+void destroy(AutomationAPI* server)
+{
+    peer = Peer();
+    (void)server->service(); // opens the socket where it is closed
+    (void)server->service(); // reads
+    MUST_HOLD(peer.sock != nullptr && peer.buffer != nullptr);
+    delete server;
+    delete peer.sock;
+    delete[] peer.buffer;
+}
+
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -288,10 +305,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     must("SAVEPOINT untouched");
     fuzz::onSmallStack([] {
         asPlayedLog = new CAsPlayedLog(audio_database->getDatabase());
-        {
-            AutomationAPI server(audio_database);
-            serve(server);
-        }
+        auto* server = new AutomationAPI(audio_database);
+        serve(*server);
+        destroy(server);
         delete asPlayedLog;
     });
     MUST_HOLD(sqlite3_next_stmt(audio_database->getDatabase(), nullptr) == nullptr); // every statement is finalized

@@ -8,6 +8,7 @@
 #include "AsPlayedLog.h"
 #include "AudioService.h"
 #include "globals.h"
+#include "lastingServer.h"
 
 #include <algorithm>
 #include <cstring>
@@ -39,7 +40,8 @@ struct Script {
     bool commandFails = false;      ///< each child sets the verdict to an error
     bool commandAddsChild = false;  ///< each child adds an element to the answer
     // what happened
-    sockObject* sock = nullptr;
+    sockObject* sock = nullptr;     ///< the server's
+    char* buffer = nullptr;         ///< the server's
     std::vector<sockObject> opened; ///< as they stood when osaSockOpen was called
     std::vector<unsigned int> readSizes;
     lines written;
@@ -81,6 +83,7 @@ osaStatus osaSockOpen(sockObject* sock)
 int osaSockRead(sockObject* sock, char* buf, unsigned int len)
 {
     EXPECT_EQ(sock, script.sock);
+    script.buffer = buf;
     script.readSizes.push_back(len);
     if (script.reads.empty())
         return 0;
@@ -193,7 +196,7 @@ protected:
         return script.written.size() > answers ? script.written.back() : "";
     }
 
-    AutomationAPI api{nullptr};
+    AutomationAPI& api = lastingServer(nullptr);
     std::string printed;
 
 private:
@@ -265,6 +268,22 @@ TEST_F(AutomationServer, InitClearsWhatTheSocketHeld)
     EXPECT_EQ(sock.tcpConnectionCount, 0u);
     EXPECT_EQ(sock.id.index, 0u);
     EXPECT_EQ(sock.rxPort, 8500);
+}
+
+TEST_F(AutomationServer, LeavesTheSocketOpenAndTheBufferThereWhenDestroyed)
+{
+    {
+        AutomationAPI shortLived(nullptr);
+        EXPECT_EQ(shortLived.init(), 0);
+        script.reads.push_back({"noise"});
+        EXPECT_EQ(shortLived.service(), 0);
+    }
+    ASSERT_NE(script.sock, nullptr);
+    EXPECT_EQ(script.sock->open, 1);
+    EXPECT_EQ(script.sock->rxPort, 8500);
+    EXPECT_STREQ(script.buffer, "noise");
+    delete script.sock;
+    delete[] script.buffer;
 }
 
 TEST_F(AutomationServer, InitTellsWhyThereIsNoSocket)

@@ -2,6 +2,7 @@
 
 #include "AudioService.h"
 #include "globals.h"
+#include "lastingServer.h"
 
 #include <algorithm>
 #include <sstream>
@@ -85,12 +86,12 @@ AutomationTest::AutomationTest()
     watch([this] {
         database.open_audio_database();
         log = std::make_unique<CAsPlayedLog>(database.getDatabase());
-        automation = std::make_unique<AutomationAPI>(&database);
+        automation = &lastingServer(&database);
         audioService = new AudioService();
         (void)automation->init();
     });
     asPlayedLog = log.get();
-    api = automation.get();
+    api = automation;
     sqliteSpy = SqliteSpy();
 }
 

@@ -61,5 +61,5 @@ protected:
 
     AudioDatabase database;
     std::unique_ptr<CAsPlayedLog> log;
-    std::unique_ptr<AutomationAPI> automation; ///< its socket is open
+    AutomationAPI* automation = nullptr; ///< its socket is open; not owned
 };

@@ -8,6 +8,7 @@
 #include "AsPlayedLog.h"
 #include "AudioDatabase.h"
 #include "AutomationAPI.h"
+#include "lastingServer.h"
 #include "persistenceSupport.h"
 
 #include <functional>
@@ -43,5 +44,5 @@ protected:
 
     AudioDatabase database;
     std::unique_ptr<CAsPlayedLog> log; ///< null until openDatabase
-    AutomationAPI automation{&database};
+    AutomationAPI& automation = lastingServer(&database);
 };
