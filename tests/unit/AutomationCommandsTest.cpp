@@ -471,6 +471,30 @@ TEST_F(AutomationCommands, DeleteWithFilesRemovesWhatItCanAndTellsOfTheRest)
     EXPECT_THAT(playlists(), ElementsAre("2|Other"));
 }
 
+TEST_F(AutomationCommands, FilesThatCannotBeLookedUpStayAndTheFailuresNameTheStatement)
+{
+    writeFile("a.wav");
+    addPlaylist("Morning", {"a.wav"});
+    sqliteSpy.refuseFrom = 1; // the look-up of the name is answered
+    EXPECT_EQ(remove("<Playlist name=\"Morning\" deleteAudioFiles=\"yes\"/>"),
+              answer("deletePlaylists", "success", {"Deleting playlist Morning and associated audio files"}));
+    EXPECT_THAT(logged, IsSupersetOf({HasSubstr("Cannot prepare statement get_all_files. "),
+                                      HasSubstr("Cannot bind playlist_id to get_all_files. "),
+                                      HasSubstr("Cannot step statement get_all_files. "),
+                                      HasSubstr("Cannot finalize statement get_all_files. ")}));
+    EXPECT_TRUE(exists("a.wav"));
+}
+
+TEST_F(AutomationCommands, NoStatementIsLeftOpen)
+{
+    writeFile("a.wav");
+    upload(playlist("Morning", item("b.wav")));
+    addPlaylist("Noon", {"a.wav"});
+    start("<Playlist name=\"Noon\"/>");
+    remove("<Playlist name=\"Noon\" deleteAudioFiles=\"yes\"/>");
+    EXPECT_EQ(sqlite3_next_stmt(database.getDatabase(), nullptr), nullptr);
+}
+
 TEST_F(AutomationCommands, OnlyYesDeletesFiles)
 {
     for (const char* word : {"no", "true", "1", "ye", "yess", " yes", ""}) {

@@ -345,6 +345,7 @@ TEST(ParseXml, WhatLooksLikeCommentsDoesNotHideDepth)
              "<r\n\t b = 'c'\v>" + deep + "</r >",
              "<_r>" + deep + "</_r>",
              "<\xC3\xA4>" + deep + "</\xC3\xA4>",
+             "<\x7F>" + deep + "</\x7F>", // a letter for the parser
              "</ignored>" + times(201, "<a>"),
              "<?XML?>" + times(201, "<a>"),
          }) {
