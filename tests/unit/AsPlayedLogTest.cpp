@@ -6,8 +6,10 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <memory>
@@ -1204,6 +1206,17 @@ TEST_F(TextLog, LinesAreAdded)
     wholeTime = TEN + 1;
     writing("100%s\n");
     EXPECT_EQ(text(), "Fri Jun 20 10:00:00 2014:  one\nFri Jun 20 10:00:01 2014:  100%s\n");
+}
+
+TEST_F(TextLog, TheFileIsClosedAfterEachLine)
+{
+    const auto numDescriptors = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = numDescriptors();
+    writing("one\n");
+    EXPECT_EQ(numDescriptors(), before);
 }
 
 TEST_F(TextLog, AFileThatCannotBeOpenedLosesTheLineSilently)
