@@ -16,6 +16,7 @@
 #include <mutex>
 #include <sched.h>
 #include <unistd.h>
+#include <utility>
 
 /** One open of the card. Handles are not used twice, so a call on a closed one is noticed. */
 struct _snd_pcm {
@@ -58,6 +59,10 @@ struct State {
     bool recording = true;
     snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
     unsigned int numChannels = 0;
+
+    std::deque<long> readResults;
+    uint32_t numFramesRead = 0;
+    std::function<void()> duringEachCall;
 
     std::deque<long> writeResults;
     unsigned int room = 0;     ///< frames that the card takes without waiting
@@ -111,9 +116,23 @@ void checkHandle(const snd_pcm_t* handle)
     }
 }
 
+/** What the test wants to look at within a call; outside the lock. */
+void visitTest()
+{
+    std::function<void()> action;
+    {
+        const Lock lock(mutex);
+        action = state.duringEachCall;
+    }
+    if (action) {
+        action();
+    }
+}
+
 /** A step of the configuration on an open handle: recorded, then answered. */
 int configure(const snd_pcm_t* handle, const std::string& function, const std::string& argument)
 {
+    visitTest();
     const Lock lock(mutex);
     checkHandle(handle);
     recordCall(function + "(" + argument + ")");
@@ -150,6 +169,26 @@ long takeFrames(Lock& lock, unsigned long offered)
     const auto taken = static_cast<unsigned int>(std::min<unsigned long>(offered, state.room));
     state.room -= taken;
     return taken;
+}
+
+/** What the read answers; its frames go to `buffer`. */
+long giveFrames(void* buffer, unsigned long wanted)
+{
+    if (state.readResults.empty()) {
+        return -EAGAIN;
+    }
+    const long result = std::min(state.readResults.front(), static_cast<long>(wanted));
+    for (long frame = 0; frame < result; frame++) {
+        state.numFramesRead++;
+        std::memcpy(static_cast<char*>(buffer) + static_cast<size_t>(frame) * sizeof state.numFramesRead,
+                    &state.numFramesRead, sizeof state.numFramesRead);
+    }
+    if (result > 0 && result < state.readResults.front()) {
+        state.readResults.front() -= result;
+    } else {
+        state.readResults.pop_front();
+    }
+    return result;
 }
 
 void sleepOfPlaybackThread(unsigned int us)
@@ -300,6 +339,24 @@ void Card::answerWrites(std::initializer_list<long> results)
     changed.notify_all();
 }
 
+void Card::answerReads(std::initializer_list<long> results)
+{
+    const Lock lock(mutex);
+    state.readResults.insert(state.readResults.end(), results);
+}
+
+uint32_t Card::numFramesRead() const
+{
+    const Lock lock(mutex);
+    return state.numFramesRead;
+}
+
+void Card::duringEachCall(std::function<void()> action)
+{
+    const Lock lock(mutex);
+    state.duringEachCall = std::move(action);
+}
+
 void Card::allow(unsigned int numFrames)
 {
     const Lock lock(mutex);
@@ -359,6 +416,7 @@ const char* snd_strerror(int errnum)
 
 int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int mode)
 {
+    visitTest();
     const Lock lock(mutex);
     const char* const direction = stream == SND_PCM_STREAM_PLAYBACK ? "PLAYBACK" : "CAPTURE";
     recordCall(std::string("snd_pcm_open(") + name + ", " + direction + ", " + std::to_string(mode) + ")");
@@ -397,6 +455,28 @@ int snd_pcm_drop(snd_pcm_t* pcm)
 int snd_pcm_prepare(snd_pcm_t* pcm)
 {
     return configure(pcm, "snd_pcm_prepare", "");
+}
+
+int snd_pcm_start(snd_pcm_t* pcm)
+{
+    return configure(pcm, "snd_pcm_start", "");
+}
+
+int snd_pcm_recover(snd_pcm_t* pcm, int err, int silent)
+{
+    return configure(pcm, "snd_pcm_recover", std::to_string(err) + ", " + std::to_string(silent));
+}
+
+snd_pcm_sframes_t snd_pcm_readi(snd_pcm_t* pcm, void* buffer, snd_pcm_uframes_t size)
+{
+    visitTest();
+    const Lock lock(mutex);
+    checkHandle(pcm);
+    const long result = giveFrames(buffer, size);
+    if (state.recording) {
+        state.calls.push_back("snd_pcm_readi(" + std::to_string(size) + ") = " + std::to_string(result));
+    }
+    return result;
 }
 
 snd_pcm_sframes_t snd_pcm_writei(snd_pcm_t* pcm, const void* buffer, snd_pcm_uframes_t size)
@@ -484,6 +564,11 @@ int snd_pcm_hw_params_set_channels(snd_pcm_t* pcm, snd_pcm_hw_params_t*, unsigne
     const Lock lock(mutex);
     state.numChannels = val;
     return error;
+}
+
+int snd_pcm_hw_params_set_periods(snd_pcm_t* pcm, snd_pcm_hw_params_t*, unsigned int val, int dir)
+{
+    return configure(pcm, "snd_pcm_hw_params_set_periods", std::to_string(val) + ", " + std::to_string(dir));
 }
 
 int snd_pcm_hw_params_set_periods_near(snd_pcm_t* pcm, snd_pcm_hw_params_t*, unsigned int* val, int*)

@@ -1,11 +1,11 @@
 #pragma once
 
 /**
- * A sound card for tests: the playback functions of the ALSA library, linked in its place, and a clock that stands
- * still until the test lets it run.
+ * A sound card for tests: the functions of the ALSA library that playback and capture use, linked in its place, and a
+ * clock that stands still until the test lets it run.
  *
  * To use it, list audioLibrary/alsaFake.cpp among the SOURCES of the test. It defines
- *   - the snd_pcm_* functions of the playback block and snd_strerror; they win over libasound if that is linked too;
+ *   - the snd_pcm_* functions of the playback and the capture block and snd_strerror; they win over libasound if that is linked too;
  *   - usleep(), for the whole test program: no call of it takes any time;
  *   - sched_setscheduler(), which changes nothing and marks its caller as the playback thread.
  *
@@ -21,10 +21,15 @@
  * Between two calls of play() the thread touches nothing, so the test may look at the graph and service it. All waits
  * have a limit, and answer false or 0 when it is reached; the limit is long and never met by a good test.
  *
+ * Capture never waits. Its frames are numbered from 1 on, the number as a 32-bit word in the place of two 16-bit samples:
+ *
+ *   card().answerReads({1024, 300, -EPIPE});  // two counts and an error; after them there is nothing, -EAGAIN
+ *
  * Threads: any. One block, thus one playback thread, at a time.
  */
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -72,6 +77,12 @@ public:
 
     /** The next writes answer these: a count (at most what is offered), 0 or an error. They go before play(). */
     void answerWrites(std::initializer_list<long> results);
+    /** The next reads answer these: a count (what a read doesn't take stays for the next one), 0 or an error. */
+    void answerReads(std::initializer_list<long> results);
+    /** Frames that have been read. The next one has this number plus 1. */
+    uint32_t numFramesRead() const;
+    /** Runs `action` within every call but writes, before it is answered; null: no more. */
+    void duringEachCall(std::function<void()> action);
     /** The card has room for `numFrames` more frames. A write takes what fits, and waits only while nothing does. */
     void allow(unsigned int numFrames);
     /**

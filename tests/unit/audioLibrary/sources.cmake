@@ -11,3 +11,6 @@ target_link_options(mp3FilePlayTest PRIVATE
   -Wl,--wrap=mpg123_init -Wl,--wrap=mpg123_new -Wl,--wrap=mpg123_delete -Wl,--wrap=mpg123_param2
   -Wl,--wrap=mpg123_format_all -Wl,--wrap=mpg123_open_feed -Wl,--wrap=mpg123_decode -Wl,--wrap=mpg123_getformat
   -Wl,--wrap=read)
+
+# On a card of the test's own: nothing of libasound is linked.
+player_unit_test(livewireStreamPlayTest SOURCES livewireStreamPlayTest.cpp alsaFake.cpp LINK alsaCapture)
