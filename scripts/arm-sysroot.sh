@@ -19,7 +19,8 @@ apt_private=(-o APT::Architecture=armhf -o APT::Architectures=armhf -o "Dir::Sta
   -o "Dir::State::status=$state/status" -o "Dir::Cache=$state/cache" -o "Dir::Etc::sourcelist=$state/sources.list"
   -o Dir::Etc::sourceparts=/dev/null)
 apt-get "${apt_private[@]}" update -qq
-packages=(libasound2 libasound2-dev libsqlite3-0 libsqlite3-dev libmpg123-0 libmpg123-dev libtinyxml2.6.2v5 libtinyxml-dev)
+packages=(libasound2 libasound2-dev libsqlite3-0 libsqlite3-dev libmpg123-0 libmpg123-dev
+  libtinyxml2.6.2v5 libtinyxml-dev libmp3lame0 libmp3lame-dev)
 cd "$state/debs"
 apt-get "${apt_private[@]}" download -qq "${packages[@]}"
 for package in *.deb; do dpkg -x "$package" "$sysroot"; done
