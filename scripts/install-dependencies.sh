@@ -12,7 +12,7 @@ run_packages=(
   g++ cmake ninja-build ccache          # build
   libasound2-dev libsqlite3-dev libmpg123-dev libtinyxml-dev
   libcli11-dev nlohmann-json3-dev       # audioplayerctl
-  alsa-utils sox espeak-ng              # card look-up, demo material
+  alsa-utils sox espeak-ng lame         # card look-up, demo material
   python3 python3-numpy                 # recording analysis
 )
 test_packages=(libgtest-dev libgmock-dev libmp3lame-dev lame python3-pytest python3-pytest-xdist iproute2 util-linux sqlite3 shellcheck)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Synthesises four short items into DIR: speech and tones, at 44.1 and 48 kHz, mono and stereo.
+# Synthesises five short items into DIR: speech and tones, at 44.1 and 48 kHz, mono and stereo, the last one an MP3.
 #
 #   scripts/make-demo-material.sh DIR
 set -euo pipefail
@@ -17,5 +17,8 @@ sox -D -n -r 48000 -b 16 -c 2 "2-tone-48000-stereo.wav" synth 5 sine 440 sine 66
 speak en-us "And this is a stereo file at forty-eight kilohertz. The playlist goes round for ever."
 form speech.tmp.wav 48000 2 "3-speech-48000-stereo.wav"
 sox -D -n -r 44100 -b 16 -c 1 "4-tone-44100-mono.wav" synth 5 sine 1000 fade t 0.02 0 0.02 gain -12
-rm -f speech.tmp.wav
-ls -- *.wav
+speak en-gb "The last item is an MP3 file."
+form speech.tmp.wav 44100 2 speech-44100.tmp.wav
+lame --quiet -b 128 speech-44100.tmp.wav "5-speech-44100-stereo.mp3"
+rm -f -- *.tmp.wav
+ls -- *.wav *.mp3

@@ -3,14 +3,14 @@
 #
 #   scripts/on-air.sh [--virtual] [--seconds N] [--record FILE.wav] [--port N] [FILE|DIR]...
 #
-#   FILE|DIR        what to play, WAV files; without any, demo material is synthesised
+#   FILE|DIR        what to play, WAV and MP3 files; without any, demo material is synthesised
 #   --virtual       use the virtual card even where there is a sound card
 #   --seconds N     stop after N seconds on air; without it, Ctrl-C stops
 #   --record FILE   where the recording goes (virtual card only)
 #   --port N        UDP port of the control socket (7004)
 #
 # It installs what is missing, builds, fills a library of its own, starts the daemon, sends the start
-# datagram and shows what is on air. Everything it makes lies in one folder, which it names at the end.
+# datagram, shows what is on air, and at the end what was. Everything it makes lies in one folder, which it names.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -53,10 +53,9 @@ if [ ${#sources[@]} -eq 0 ]; then
   sources=("$station/demo")
 fi
 files=()
-while IFS= read -r -d '' file; do files+=("$file"); done < <(find "${sources[@]}" -type f -iname '*.wav' -print0 | sort -z)
-[ ${#files[@]} -gt 0 ] || { echo "No WAV files among: ${sources[*]}" >&2; exit 1; }
-"$ctl" --db "$database" playlist create "On air"
-"$ctl" --db "$database" playlist add "On air" "${files[@]}"
+while IFS= read -r -d '' file; do files+=("$file"); done < <(find "${sources[@]}" -type f \( -iname '*.wav' -o -iname '*.mp3' \) -print0 | sort -z)
+[ ${#files[@]} -gt 0 ] || { echo "No WAV or MP3 files among: ${sources[*]}" >&2; exit 1; }
+"$ctl" --db "$database" upload "On air" "${files[@]}"
 
 # --- the card ---
 if [ "$virtual" = auto ]; then
@@ -85,6 +84,10 @@ finish() {
     wait_for 2 grep -q 'FilePlayer destructor' "$log" || true
     kill "$daemon" 2>/dev/null || true
     wait "$daemon" 2>/dev/null || true
+  fi
+  if [ "$daemon" != 0 ]; then
+    echo "The as-played log:"
+    "$ctl" --db "$database" as-played || true
   fi
   if [ -n "$card_run" ]; then
     first=$(find "$card_run/record" -name '*.wav' 2>/dev/null | sort | head -n 1)
@@ -123,7 +126,7 @@ setsid "${launcher[@]}" "$build/src/AudioPlayer" -p "$port" </dev/null >"$statio
 daemon=$!
 cd "$root"
 wait_for 10 control_port_open || { echo "The daemon did not come up:" >&2; cat "$log" >&2; exit 1; }
-"$ctl" --db "$database" --port "$port" start "On air" >/dev/null
+"$ctl" --db "$database" --port "$port" play "On air" >/dev/null
 wait_for 10 grep -q 'Active chain started' "$log" || { echo "Nothing went on air:" >&2; cat "$log" >&2; exit 1; }
 echo "On air since $(date +%T).$([ "$seconds" != 0 ] || echo ' Ctrl-C stops.')"
 
