@@ -244,7 +244,7 @@ console::~console() = default;
 int console::addCmd(void* ptr, const char* c, const char* h, void (*handler)(const void*, const char*))
 {
     note("command " + std::string(c));
-    script.commands.push_back({ptr, c, h, handler});
+    ::script.commands.push_back({ptr, c, h, handler});
     return 0;
 }
 
