@@ -14,3 +14,8 @@ target_link_options(mp3FilePlayTest PRIVATE
 
 # On a card of the test's own: nothing of libasound is linked.
 player_unit_test(livewireStreamPlayTest SOURCES livewireStreamPlayTest.cpp alsaFake.cpp LINK alsaCapture)
+# Through the real libasound, on the virtual capture card "hw:Axia,0" and a clock of the test's own.
+player_unit_test(livewireCardTest SOURCES livewireCardTest.cpp LINK alsaCapture audioOutput virtualCardCore)
+target_compile_definitions(livewireCardTest PRIVATE
+  VIRTUAL_CARD_CONFIGURATION="${PROJECT_BINARY_DIR}/tools/virtualCard/virtualCard.conf")
+add_dependencies(livewireCardTest asound_module_pcm_vcard)
