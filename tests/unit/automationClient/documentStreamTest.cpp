@@ -51,11 +51,12 @@ TEST(DocumentStream, PortionsOfAnySizeGiveTheSame)
 TEST(DocumentStream, RootBeginsBehindTheDeclaration)
 {
     DocumentStream stream(1000);
-    stream.append(INFO + "<a/>");
+    stream.append(INFO + "<a/>" + INFO);
     const auto found = documentsOf(stream);
-    ASSERT_EQ(found.size(), 2u);
+    ASSERT_EQ(found.size(), 3u);
     EXPECT_EQ(found[0].rootOffset, HEAD.size());
     EXPECT_EQ(found[1].rootOffset, 0u);
+    EXPECT_EQ(found[2].rootOffset, HEAD.size());
 }
 
 TEST(DocumentStream, NestedElementsEndWithTheRoot)
