@@ -49,6 +49,7 @@ sampleFormat_e formatOfEncoding(int encoding)
 
 CMp3FilePlayUSP::CMp3FilePlayUSP(CMp3FilePlay* parent) : CUpstreamPort(parent)
 {
+    AUDIO_TRACE_CALL();
     resetParams.nominalSampleRateStatus = VARIABLE;
     resetParams.nominalSampleRate = 44100.0F;
     resetParams.numChannelsStatus = FIXED;
@@ -64,10 +65,14 @@ CMp3FilePlayUSP::CMp3FilePlayUSP(CMp3FilePlay* parent) : CUpstreamPort(parent)
     resetPortParams();
 }
 
-CMp3FilePlayUSP::~CMp3FilePlayUSP() = default;
+CMp3FilePlayUSP::~CMp3FilePlayUSP()
+{
+    AUDIO_TRACE_CALL();
+}
 
 runTimeId CMp3FilePlayUSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MP3_FILE_PLAY_USP;
 }
 
@@ -129,6 +134,7 @@ streamStatus CMp3FilePlayUSP::ackReadPeriods(unsigned int nPeriods)
 
 CMp3FilePlay::CMp3FilePlay(std::string name) : CAudioFilePlay(std::move(name))
 {
+    AUDIO_TRACE_CALL();
     upstream.push_back(new CMp3FilePlayUSP(this));
     mp3InBuf = newBuffer(mp3InBufSize);
     mp3OutBuf = newBuffer(mp3OutBufSize); // no smaller than what the decoder is told
@@ -146,6 +152,7 @@ CMp3FilePlay::~CMp3FilePlay()
 
 runTimeId CMp3FilePlay::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MP3_FILE_PLAY;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -42,7 +43,9 @@ struct Script {
     std::deque<int> decode;                      ///< results of the next decodes with no work done
     bool fillsOutput = false;                    ///< a decode with input writes all the output that it was offered
     std::deque<int> reads;  ///< answers of the next reads, none of which moves the file but REAL_READ
+    size_t mostBytes = 0;   ///< what a read gives at most; 0: all that was asked for
     long readsAtTheEnd = 0; ///< how often a read answered 0 or less
+    std::function<void(int file)> afterManyReads; ///< what becomes of the file after 1000 of those
     int deleted = 0;
     int created = 0;
 };
@@ -214,9 +217,13 @@ ssize_t __wrap_read(int file, void* buffer, size_t numBytes)
         answer = script.reads.front();
         script.reads.pop_front();
     }
-    const ssize_t result = answer == REAL_READ ? __real_read(file, buffer, numBytes) : answer;
+    const size_t most = script.mostBytes == 0 ? numBytes : std::min(numBytes, script.mostBytes);
+    const ssize_t result = answer == REAL_READ ? __real_read(file, buffer, most) : answer;
     if (result <= 0) {
         script.readsAtTheEnd++;
+        if (script.readsAtTheEnd == 1000 && script.afterManyReads) {
+            script.afterManyReads(file);
+        }
     }
     return result;
 }
@@ -729,6 +736,40 @@ TEST_F(Mp3Reading, SearchGoesOnWhereItWasWhenTheFileHasGrown)
     expectSameBytes(readToTheEnd(), padded(mp3Files::decodeFed(file, 2048).audio, 8192));
 }
 
+// A single frame is none to the decoder: it believes a header only when it has seen the next one.
+TEST_F(Mp3File, FileOfASingleFrameIsReadAtItsEndUntilTheNextOneBegins)
+{
+    const bytes file = mp3Files::encode({.infoTag = false});
+    const auto frameBytes = static_cast<ptrdiff_t>(144 * 128000 / 44100); // the first is not padded
+    const bytes rest(file.begin() + frameBytes, file.end());
+    ASSERT_EQ(rest[0], file[0]);
+    ASSERT_EQ(rest[1], file[1]);
+    for (const bytes& tail : {bytes(), mp3Files::id3v1()}) {
+        const std::string name = store(plus(bytes(file.begin(), file.begin() + frameBytes), tail));
+        script.readsAtTheEnd = 0;
+        script.afterManyReads = [&](int) {
+            std::ofstream grown(name, std::ios::binary | std::ios::app);
+            grown.write(reinterpret_cast<const char*>(rest.data()), static_cast<std::streamsize>(rest.size()));
+        };
+        OpenMp3 mp3;
+        EXPECT_EQ(mp3.setNewFile(name), STREAM_OK);
+        EXPECT_EQ(script.readsAtTheEnd, 1000);
+    }
+}
+
+TEST_F(Mp3File, DirectoryIsReadForEver)
+{
+    const std::string name = storeEncoded();
+    script.afterManyReads = [&](int file) { // the only way out: a file in its place
+        const int other = open(name.c_str(), O_RDONLY);
+        EXPECT_EQ(dup2(other, file), file);
+        close(other);
+    };
+    OpenMp3 mp3;
+    EXPECT_EQ(mp3.setNewFile(directory.string()), STREAM_OK);
+    EXPECT_EQ(script.readsAtTheEnd, 1000);
+}
+
 // ---- the audio is what the library's own decoder gives
 
 struct kind {
@@ -798,6 +839,9 @@ const kind kinds[] = {
     {"Cbr44100StereoNoTag", {.infoTag = false}, 2048},
     {"Cbr48000StereoNoTag", {.rate = 48000, .infoTag = false}, 2048},
     {"Cbr22050MonoNoTag", {.rate = 22050, .channels = 1, .infoTag = false}, 2048},
+    {"FreeFormat44100Stereo", {.freeFormat = true, .infoTag = false}, 2048},
+    {"FreeFormat24000Mono", {.rate = 24000, .channels = 1, .freeFormat = true, .infoTag = false}, 2048},
+    {"FreeFormatBehindALargeCover", {.freeFormat = true, .infoTag = false, .coverBytes = 300000}, 2048},
     {"Vbr44100Stereo", {.variableRate = true}, 2048},
     {"Vbr48000Stereo", {.rate = 48000, .variableRate = true}, 2048},
     {"Vbr32000Mono", {.rate = 32000, .channels = 1, .variableRate = true}, 2048},
@@ -844,6 +888,38 @@ TEST_F(Mp3Reading, CutOffFileEndsWithItsLastWholeFrame)
     play(file);
     expectSameBytes(wanted.audio, mp3Files::decodeOpened(path()).audio);
     expectSameBytes(readToTheEnd(), padded(wanted.audio, block->workBufferSize));
+}
+
+TEST_F(Mp3Reading, FileThatShrinksWhileItPlaysEndsWithWhatHasBeenRead)
+{
+    const bytes file = mp3Files::encode({});
+    play(file);
+    bytes got = read();
+    const off_t at = lseek(block->fnum, 0, SEEK_CUR);
+    ASSERT_GT(at, 1000);
+    std::filesystem::resize_file(path(), 1000);
+    const bytes rest = readToTheEnd();
+    got.insert(got.end(), rest.begin(), rest.end());
+    expectSameBytes(got, padded(mp3Files::decodeFed(bytes(file.begin(), file.begin() + at), 2048).audio, 8192));
+}
+
+TEST_F(Mp3Reading, FileThatIsRemovedWhileItPlaysPlaysToItsEnd)
+{
+    const bytes file = mp3Files::encode({});
+    play(file);
+    std::filesystem::remove(path());
+    expectSameBytes(readToTheEnd(), padded(mp3Files::decodeFed(file, 2048).audio, 8192));
+}
+
+TEST_F(Mp3Reading, StorageThatGivesLessThanItIsAskedForChangesNothing)
+{
+    const bytes file = mp3Files::encode({});
+    for (const size_t most : {1U, 7U, 417U, 2047U}) {
+        script.mostBytes = most;
+        play(file);
+        expectSameBytes(readToTheEnd(), padded(mp3Files::decodeFed(file, 2048).audio, 8192));
+        (void)block->port().disconnect();
+    }
 }
 
 TEST_F(Mp3Reading, NoiseInMidFileIsPassedOverWhereAFileReaderGivesUp)
@@ -1292,6 +1368,39 @@ TEST_F(Mp3File, DestructionDisconnectsAndClosesTheFile)
     EXPECT_FALSE(reader.port()->isConnected(nullptr));
     EXPECT_EQ(openDescriptors(), descriptorsBefore);
     EXPECT_EQ(script.deleted, 1);
+}
+
+// ---- the call trace
+
+TEST_F(Mp3File, CallsAreTracedAtLevelNine)
+{
+    ReaderBlock reader(2048);
+    const std::string name = storeEncoded();
+    const graphTest::Lines lines = traced(9, [&] {
+        OpenMp3 mp3;
+        mp3.getRunTimeId();
+        mp3.port().getRunTimeId();
+        (void)mp3.setNewFile(name);
+        (void)mp3.port().connectDownstream(reader.port(), nullptr);
+        CServiceTime next;
+        (void)mp3.service(next);
+        char* lent = nullptr;
+        unsigned int nPeriods = 0;
+        (void)mp3.port().reqReadPeriods(lent, nPeriods);
+        (void)mp3.port().ackReadPeriods(nPeriods);
+        (void)mp3.timeLeft();
+        (void)mp3.port().disconnect();
+    });
+    for (const char* function :
+         {"CMp3FilePlay::CMp3FilePlay(", "CMp3FilePlayUSP::CMp3FilePlayUSP(", "CMp3FilePlay::getRunTimeId()",
+          "CMp3FilePlayUSP::getRunTimeId()", "CMp3FilePlay::setNewFile(", "CMp3FilePlay::openFile()",
+          "CMp3FilePlayUSP::connectDownstream(", "CMp3FilePlayUSP::reconfigPortApply(",
+          "CMp3FilePlay::allocateWorkBuffer()", "CMp3FilePlay::service(", "CMp3FilePlayUSP::reqReadPeriods(",
+          "CMp3FilePlay::reqReadPeriods(", "CMp3FilePlayUSP::ackReadPeriods(", "CMp3FilePlay::timeLeft()",
+          "CMp3FilePlayUSP::disconnect()", "CMp3FilePlay::closeFile()", "CMp3FilePlay::~CMp3FilePlay()",
+          "CMp3FilePlayUSP::~CMp3FilePlayUSP()"}) {
+        EXPECT_THAT(lines, Contains(AllOf(HasSubstr("(9) "), HasSubstr(function))));
+    }
 }
 
 // ---- time left

@@ -48,6 +48,9 @@ encoder newEncoder(const recipe& wanted)
     if (wanted.variableRate) {
         lame_set_VBR(lame.get(), vbr_default);
         lame_set_VBR_q(lame.get(), 4);
+    } else if (wanted.freeFormat) {
+        lame_set_free_format(lame.get(), 1);
+        lame_set_brate(lame.get(), 100);
     } else {
         lame_set_brate(lame.get(), wanted.rate < 32000 ? 64 : 128);
     }

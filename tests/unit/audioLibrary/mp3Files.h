@@ -17,6 +17,7 @@ struct recipe {
     int channels = 2;   ///< 1 or 2
     int frames = 30000; ///< length of the signal
     bool variableRate = false;
+    bool freeFormat = false; ///< constant, at a bit rate that the frames' headers don't tell; has no tag frame
     bool infoTag = true;     ///< the encoder's tag frame, by which a decoder cuts the encoder's delay and padding off
     bool id3v1 = false;      ///< 128 bytes behind the audio
     uint32_t coverBytes = 0; ///< size of the picture in an ID3v2 tag ahead of the audio; 0: no such tag
