@@ -118,6 +118,24 @@ class Station:
         db.close()
         return source
 
+    def stream(self, name, uri):
+        """Adds an internet stream and answers the id of its audio source."""
+        return self._stream(name, 2, uri, 0)
+
+    def livewire(self, name, destination):
+        """Adds a Livewire destination, counted from 1, and answers the id of its audio source."""
+        return self._stream(name, 1, None, destination)
+
+    def _stream(self, name, stream_type, uri, destination):
+        with sqlite3.connect(self.daemon.database, timeout=10) as db:
+            db.execute("PRAGMA foreign_keys = ON")
+            stream = db.execute("INSERT INTO T_Streams (name, stream_type_id, uri, channel, dst) VALUES (?, ?, ?, 0, ?)",
+                                (name, stream_type, uri, destination)).lastrowid
+            source = db.execute("SELECT id FROM T_Audio_Sources WHERE source_type_id = 2 AND player_id = ?",
+                                (stream,)).fetchone()[0]
+        db.close()
+        return source
+
     # -- on air -------------------------------------------------------------------------------------------------------
 
     def boot(self, *arguments):

@@ -1,0 +1,155 @@
+"""Which URLs of real servers play and which are refused: the table of docs/streams.md, row by row, on the servers.
+
+Each row names a server, a URL of it, what it answers to the player's first request, and what the player makes of that.
+The servers are Debian's, in the test's own namespaces; what they answer is asked for and compared too.
+"""
+
+import re
+
+import pytest
+
+from daemonHarness import ROOT
+from streamServers import (Apache, Icecast, Lighttpd, Nginx, heard, m3u, pls, request_of, tone, tone_frequency, xspf)
+
+DOCUMENT = ROOT / "docs" / "streams.md"
+STREAM_PORT, WEB_PORT = 8000, 8080
+SILENCE = "nothing, closes"
+
+# What stands behind the names in the table: the same files on every server.
+LIVE = f"http://127.0.0.1:{STREAM_PORT}/live.mp3"
+PROXIED = f"http://127.0.0.1:{WEB_PORT}/live.mp3"
+FILES = {"live.pls": pls([LIVE]), "live.m3u": m3u([LIVE]), "live.m3u8": m3u([LIVE]), "live.xspf": xspf([LIVE]),
+         "live.xml": xspf([LIVE]), "proxied.pls": pls([PROXIED]), "proxied.xspf": xspf([PROXIED])}
+
+WEB_SERVERS = {
+    "Apache 2.4": lambda daemon: Apache(daemon, FILES, WEB_PORT, {"live.mp3": LIVE}),
+    "Apache 2.4, types added": lambda daemon: Apache(daemon, FILES, WEB_PORT, {"live.mp3": LIVE},
+                                                     types=configuration("apache")),
+    "nginx 1.22": lambda daemon: Nginx(daemon, FILES, WEB_PORT, {"live.mp3": LIVE}),
+    "nginx 1.22, types added": lambda daemon: Nginx(daemon, FILES, WEB_PORT, {"live.mp3": LIVE},
+                                                    types=configuration("nginx")),
+    "lighttpd 1.4": lambda daemon: Lighttpd(daemon, FILES, WEB_PORT, {"live.mp3": LIVE}),
+}
+
+
+def configuration(language):
+    """The lines that the document tells a web server's keeper to add."""
+    return re.search(rf"```{language}\n(.*?)```", DOCUMENT.read_text(), re.DOTALL).group(1)
+
+
+def table():
+    """The rows of the table: (server, URL's last part, first line, content type, whether it plays)."""
+    rows, server = [], None
+    for line in DOCUMENT.read_text().splitlines():
+        cells = [cell.strip() for cell in line.strip("|").split("|")]
+        if not line.startswith("|") or len(cells) != 4 or not re.fullmatch(r"`[\w.]+`.*", cells[1]):
+            continue
+        server = cells[0] or server
+        path = re.match(r"`([\w.]+)`", cells[1]).group(1)
+        words = re.findall(r"`([^`]+)`", cells[2])
+        assert words or cells[2] == SILENCE, line
+        verdict = re.match(r"\*\*(plays|refused)\*\*", cells[3]).group(1)
+        rows.append((server, path, *(words or (None, None)), verdict == "plays"))
+    return rows
+
+
+def rows_of(server):
+    found = [row[1:] for row in table() if row[0] == server]
+    assert found, f"docs/streams.md has no row of {server}"
+    return found
+
+
+def ask(daemon, port, url):
+    """The first line and the content type that the server gives to the player's first request; None and None if none."""
+    answer = b""
+    with daemon.socket() as sock:
+        sock.settimeout(5)
+        sock.connect(("127.0.0.1", port))
+        sock.sendall(request_of(url))
+        while b"\r\n\r\n" not in answer:
+            piece = sock.recv(4096)
+            if not piece:
+                break
+            answer += piece
+    head = answer.split(b"\r\n\r\n")[0].decode("latin1").split("\r\n")
+    types = [line.split(": ", 1)[1] for line in head if line.lower().startswith("content-type: ")]
+    return (head[0] or None, types[0] if types else None)
+
+
+def plays(station, url):
+    """Starts the URL and answers whether it gets to the card as sound."""
+    station.daemon.mark()
+    station.daemon.start_source(station.stream(url, url))
+    word = station.daemon.wait_log(r"Shoutcast unable to recover!$|\d StreamPlayer::start$", 30).group(0)
+    if "unable" in word:
+        return False
+    station.daemon.wait_until(lambda: heard(station.card), what=f"sound of {url}")
+    return True
+
+
+def compare(station, server, name):
+    wrong = []
+    for path, first_line, content_type, verdict in rows_of(name):
+        url = server.url(path)
+        if (answer := ask(station.daemon, server.port, url)) != (first_line, content_type):
+            wrong.append(f"{path}: the server answers {answer}")
+        if plays(station, url) != verdict:
+            wrong.append(f"{path}: {'refused' if verdict else 'plays'}")
+    assert not wrong, f"docs/streams.md, {name}: {wrong}\n{station.daemon.output()[-3000:]}"
+
+
+def test_every_row_of_the_table_is_tried_here():
+    assert {row[0] for row in table()} == {"Icecast 2.4", *WEB_SERVERS}
+
+
+def test_icecast(station):
+    audio = tone(station.directory)
+    station.boot("-t", "2047")
+    with Icecast(station.daemon, STREAM_PORT, files=FILES) as server:
+        server.source("live.mp3", audio)
+        server.source("Live.mp3", audio)
+        compare(station, server, "Icecast 2.4")
+
+
+@pytest.mark.parametrize("name", WEB_SERVERS)
+def test_web_server(station, name):
+    audio = tone(station.directory)
+    station.boot("-t", "2047")
+    with Icecast(station.daemon, STREAM_PORT) as stream, WEB_SERVERS[name](station.daemon) as server:
+        stream.source("live.mp3", audio)
+        compare(station, server, name)
+
+
+# The steps of an Icecast stream's start: what is printed besides the trace, in this order.
+DIRECT = re.compile(r"""GET http://127\.0\.0\.1:8000/live\.mp3 HTTP/1\.0
+.*Requesting http://127\.0\.0\.1:8000/live\.mp3 from stream
+(?:.*\n)*?READ_PLAYLIST: No data received
+(?:.*\n)*?case: DIRECT_SHOUTCAST or Direct_ICECAST
+(?:.*\n)*?GET /live\.mp3 HTTP/1\.0
+""")
+
+
+def test_an_icecast_stream_is_found_by_its_silence_after_two_seconds(station):
+    station.boot("-t", "2047")
+    with Icecast(station.daemon, STREAM_PORT) as server:
+        server.source("live.mp3", tone(station.directory))
+        assert plays(station, server.url("live.mp3"))
+    assert DIRECT.search(station.daemon.output()), station.daemon.output()
+
+
+@pytest.mark.parametrize("rate, channels, kbps", [
+    (44100, 2, 128), (44100, 1, 64), (44100, 2, 320), (48000, 2, 64), (48000, 1, 128), (48000, 2, 320),
+])
+def test_icecast_streams_of_every_shape_keep_their_pitch(station, rate, channels, kbps):
+    audio = tone(station.directory, rate, channels, kbps, frequency=700 + kbps)
+    station.boot("-t", "2047")
+    with Icecast(station.daemon, STREAM_PORT) as server:
+        server.source("live.mp3", audio)
+        assert plays(station, server.url("live.mp3"))
+        station.wait_frames(station.card.frames() + 48000)
+        station.daemon.kill()
+    left = station.recording()[-40960:, 0]
+    # The mixer bends the rate by up to 1000 ppm until its ring stands where it belongs, and 375 ppm for a card that
+    # is taken for one of 47982 Hz.
+    assert abs(tone_frequency(left, 48000) / audio.frequency - 1) < 1.4e-3
+    assert abs(station.recording()[-40960:, 1] - left).max() < 1 << 25
