@@ -194,8 +194,17 @@ class Studio:
 
     def wait_taken(self, timeout=30):
         """Until the daemon has read all that was sent. The order matters: what has left the peer is with the daemon."""
-        self.nudge()
-        poll(lambda: self.queued("peer", 0) == 0 and self.queued("daemon", 1) == 0, "everything read", timeout)
+        def taken():
+            self.nudge()
+            return self.queued("peer", 0) == 0 and self.queued("daemon", 1) == 0
+
+        poll(taken, "everything read", timeout)
+
+    def pour(self, data):
+        """Sends megabytes; the daemon's loop goes round without a wait meanwhile."""
+        for begin in range(0, len(data), 65536):
+            self.peer.send_raw(data[begin : begin + 65536])
+            self.wait_taken()
 
     def rows(self, statement, *values):
         database = sqlite3.connect(self.daemon.database, timeout=10)
@@ -324,10 +333,9 @@ def test_without_newlines_behind_another_first_byte_every_second_transaction_is_
 # ---- sizes
 
 
-@pytest.mark.parametrize("around", [READ_BYTES, 5000, 2 * READ_BYTES])
-def test_long_messages_lose_nothing_at_the_seam_of_two_reads(studio, around):
+def test_long_messages_lose_nothing_at_the_seam_of_two_reads(studio):
     """In one write: the closing tag goes over the seam at each of its bytes, with the seam before and behind it too."""
-    for size in range(around - 2, around + 18):
+    for size in (5000, *range(READ_BYTES - 2, READ_BYTES + 18), *range(2 * READ_BYTES - 2, 2 * READ_BYTES + 18)):
         name = "n" * (size - len(uploading(size, "")))
         text = uploading(size, name)
         assert len(text) == size
@@ -338,15 +346,16 @@ def test_long_messages_lose_nothing_at_the_seam_of_two_reads(studio, around):
 def test_message_of_a_megabyte_is_carried_out_while_the_audio_goes_on(studio):
     filler = "f" * 1_000_000
     inside = f'<Playlist name="Big" automationRef="{filler}"><PlaylistItem filename="a.wav" automationRef="x"/></Playlist>'
-    exchange(studio.peer, request("1", "uploadPlaylist", inside) + b"\n" + request("2") + b"\n",
-             uploaded("1", "Big", "a.wav"), answer("2"))
+    studio.pour(request("1", "uploadPlaylist", inside))
+    exchange(studio.peer, b"\n" + request("2") + b"\n", uploaded("1", "Big", "a.wav"), answer("2"))
     assert studio.entries("Big") == [(2, "/mnt/usb/a.wav")]
     studio.check_air()
 
 
 def test_megabyte_that_does_not_parse_comes_back_whole(roomy_studio):
     text = "<Transaction>" + "f" * 1_000_000 + "</Playlist></Transaction>"
-    exchange(roomy_studio.peer, text.encode() + b"\n" + request("2") + b"\n", unparsed(text + "\n\n"), answer("2"))
+    roomy_studio.pour(text.encode())
+    exchange(roomy_studio.peer, b"\n" + request("2") + b"\n", unparsed(text + "\n\n"), answer("2"))
     roomy_studio.check_air()
 
 
@@ -447,7 +456,7 @@ def test_peer_that_never_reads_loses_answers_and_holds_up_nothing(station):
 
 def test_megabytes_without_a_tag_are_passed_over(studio):
     nearly = b"<Transactio n></Transaction </Transaction\n> <?xml?> \r\n"
-    studio.peer.send_raw(nearly * (2_000_000 // len(nearly)) + b"<", timeout=60)
+    studio.pour(nearly * (2_000_000 // len(nearly)) + b"<")
     exchange(studio.peer, request("1") + b"\n", answer("1"))
     exchange(studio.peer, request("2") + b"\n", answer("2"))
     studio.check_air()
@@ -484,7 +493,8 @@ def hostile_texts():
 
 def test_deep_nesting_and_many_attributes_are_refused_in_no_time(roomy_studio):
     for number, text in enumerate(hostile_texts()):
-        exchange(roomy_studio.peer, text.encode() + b"\n" + request(number) + b"\n", unparsed(text + "\n\n"), answer(number))
+        roomy_studio.pour(text.encode())
+        exchange(roomy_studio.peer, b"\n" + request(number) + b"\n", unparsed(text + "\n\n"), answer(number))
     roomy_studio.check_air()
 
 
@@ -507,8 +517,7 @@ def test_long_upload_is_whole_and_the_audio_comes_back(station, record_property)
     studio = Studio(station, tcp_wmem="4096 16777216 16777216", tcp_rmem="4096 16777216 16777216").on_air()
     files = [f"{n:05}.wav" for n in range(count)]
     text = uploading("1", "Long", *files) + b"\n"
-    studio.peer.send_raw(text, timeout=60)
-    studio.wait_taken()
+    studio.pour(text)
     began = time.monotonic()
     assert studio.peer.next_document(timeout=60) == uploaded("1", "Long", *files)
     took = time.monotonic() - began
@@ -747,7 +756,7 @@ def test_playing_now_can_be_turned_off_and_on_while_the_log_goes_on(station):
     for attribute in ([("enablePlayingNow", "no")], [], [("enablePlayingNow", "maybe")]):
         switch(attribute)
         count = len(studio.as_played())
-        poll(lambda: len(studio.as_played()) >= count + 2, "items in the log")
+        poll(lambda: len(studio.as_played()) > count, "an item in the log")
         assert peer.fence() == []
     switch([("enablePlayingNow", "YES")])
     told = [peer.next_document() for _ in range(4)]
