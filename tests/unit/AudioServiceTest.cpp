@@ -109,17 +109,42 @@ CAudioPlay* StreamPlayer::getPlayerBlock() const
     return nullptr;
 }
 
-LivewirePlayer::LivewirePlayer(int aStreamId, int aDst) : StreamPlayer(aStreamId)
+streamStatus StreamPlayer::createAudioBlocks()
+{
+    return STREAM_OK;
+}
+streamStatus StreamPlayer::createPlayerChain()
+{
+    return STREAM_OK;
+}
+
+LivewirePlayer::LivewirePlayer(int aStreamId, int aDst) : StreamPlayer(aStreamId), dst(aDst)
 {
     happened("LivewirePlayer(" + std::to_string(aStreamId) + ", " + std::to_string(aDst) + ")");
 }
 LivewirePlayer::~LivewirePlayer() = default;
+streamStatus LivewirePlayer::createAudioBlocks()
+{
+    return STREAM_OK;
+}
+streamStatus LivewirePlayer::createPlayerChain()
+{
+    return STREAM_OK;
+}
 
-ShoutcastPlayer::ShoutcastPlayer(int aStreamId, const char* aUri) : StreamPlayer(aStreamId)
+ShoutcastPlayer::ShoutcastPlayer(int aStreamId, const char* aUri) : StreamPlayer(aStreamId), uri(aUri)
 {
     happened("ShoutcastPlayer(" + std::to_string(aStreamId) + ", " + aUri + ")");
 }
 ShoutcastPlayer::~ShoutcastPlayer() = default;
+streamStatus ShoutcastPlayer::createAudioBlocks()
+{
+    return STREAM_OK;
+}
+streamStatus ShoutcastPlayer::createPlayerChain()
+{
+    return STREAM_OK;
+}
 
 namespace
 {

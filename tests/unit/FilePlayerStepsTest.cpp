@@ -1,18 +1,16 @@
 /**
- * FilePlayer step by step: its blocks, chains, log and automation are stand-ins defined here, so the linker takes
- * nothing of theirs from the libraries. They write down what is done to them and answer what the test wants.
+ * FilePlayer step by step: its blocks, chains, log and automation are stand-ins, those of the graph in graphStandIns,
+ * the others defined here. They write down what is done to them and answer what the test wants.
  */
 
 #include "FilePlayer.h"
 
 #include "ByteArray.h"
 #include "globals.h"
+#include "graphStandIns.h"
 #include "playersSupport.h"
 
-#include "audioLibrary/alsaSource.h"
-#include "audioLibrary/mixerBlock.h"
 #include "audioLibrary/mp3FilePlay.h"
-#include "audioLibrary/sampleRateConverter.h"
 #include "audioLibrary/toneGenerator.h"
 #include "audioLibrary/wavFilePlay.h"
 
@@ -25,56 +23,9 @@
 
 using namespace audioLibrarySpace;
 using namespace testing;
+using namespace graphStandIns;
 
-namespace
-{
-
-struct Script {
-    std::vector<std::string> events;
-    std::map<std::string, std::deque<streamStatus>> answers; ///< by event; what is not there is STREAM_OK
-    std::map<std::string, int32_t> timeLeft;                 ///< of a file by name; else a minute
-    std::map<std::string, CServiceTime> wishes;              ///< of a block by name; else never
-    bool unmounted = false;                                  ///< the marker file is readable
-} script;
-
-void happened(const std::string& event)
-{
-    script.events.push_back(event);
-}
-
-/** Writes `event` down and answers what the test has for it. */
-streamStatus answerTo(const std::string& event)
-{
-    happened(event);
-    auto& answers = script.answers[event];
-    if (answers.empty()) {
-        return STREAM_OK;
-    }
-    const streamStatus answer = answers.front();
-    answers.pop_front();
-    return answer;
-}
-
-streamStatus serviceOf(const std::string& name, CServiceTime& next)
-{
-    next.setNeverService();
-    const auto wish = script.wishes.find(name);
-    if (wish != script.wishes.end()) {
-        next = wish->second;
-    }
-    return answerTo(name + " service");
-}
-
-std::string text(unsigned int number)
-{
-    return std::to_string(number);
-}
-
-} // namespace
-
-extern "C" {
-
-int access(const char* path, int mode) noexcept
+extern "C" int access(const char* path, int mode) noexcept
 {
     if (std::string(path) != "/mnt/usb/unmounted.usb") {
         return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, path, mode));
@@ -83,191 +34,10 @@ int access(const char* path, int mode) noexcept
     return script.unmounted ? 0 : -1;
 }
 
-int usleep(useconds_t us)
-{
-    happened("sleep " + text(us));
-    return 0;
-}
-}
-
-// ---- the graph
+// ---- the sources
 
 namespace audioLibrarySpace
 {
-
-std::list<CAudioChain*> CAudioChain::allChains;
-
-CAudioChainElement::CAudioChainElement(CAudioBlock* pBlock) : pTraceLevel(nullptr), block(pBlock) {}
-
-CAudioChain::CAudioChain(std::string chainName) : name(std::move(chainName)), pTraceLevel(nullptr)
-{
-    happened("new " + name);
-    allChains.push_back(this);
-}
-CAudioChain::~CAudioChain()
-{
-    happened("~" + name);
-    allChains.remove(this);
-    for (CAudioChainElement* element : chain) {
-        delete element;
-    }
-}
-runTimeId CAudioChain::getRunTimeId()
-{
-    return AUDIO_CHAIN;
-}
-streamStatus CAudioChain::addAudioBlock(CAudioBlock* pBlock, int pos)
-{
-    const streamStatus status = answerTo(name + " add " + pBlock->name() + " at " + std::to_string(pos));
-    if (status == STREAM_OK) {
-        chain.insert(pos < 0 ? chain.end() : chain.begin() + pos, new CAudioChainElement(pBlock));
-    }
-    return status;
-}
-CAudioBlock* CAudioChain::remAudioBlock(int pos)
-{
-    if (answerTo(name + " remove " + std::to_string(pos)) != STREAM_OK) {
-        return nullptr;
-    }
-    CAudioChainElement* element = chain[static_cast<size_t>(pos)];
-    CAudioBlock* block = element->block;
-    delete element;
-    chain.erase(chain.begin() + pos);
-    return block;
-}
-CAudioBlock* CAudioChain::getAudioBlock(int pos)
-{
-    return static_cast<size_t>(pos) < chain.size() ? chain[static_cast<size_t>(pos)]->block : nullptr;
-}
-streamStatus CAudioChain::connectChain()
-{
-    const streamStatus status = answerTo(name + " connect");
-    chainConnected = status == STREAM_OK;
-    return status;
-}
-streamStatus CAudioChain::disconnectChain()
-{
-    const streamStatus status = answerTo(name + " disconnect");
-    chainConnected = chainConnected && status != STREAM_OK;
-    return status;
-}
-streamStatus CAudioChain::startAudio()
-{
-    chainPlaybackState = AUDIO_PLAYING;
-    return answerTo(name + " start");
-}
-streamStatus CAudioChain::stopAudio()
-{
-    chainPlaybackState = AUDIO_STOPPED;
-    return answerTo(name + " stop");
-}
-void CAudioChain::deleteAllChains()
-{
-    happened("delete chains");
-    while (!allChains.empty()) {
-        delete allChains.front();
-    }
-}
-CAudioChain* CAudioChain::returnAudioChain(unsigned int n)
-{
-    auto chain = allChains.begin();
-    std::advance(chain, n);
-    return *chain;
-}
-
-CMixer::CMixer(std::string name, int periodsToBuffer) : CAudioBlock(name), m_periodsToBuffer(periodsToBuffer)
-{
-    happened("CMixer " + name + " " + std::to_string(periodsToBuffer));
-}
-CMixer::~CMixer()
-{
-    happened("~MUX");
-}
-runTimeId CMixer::getRunTimeId()
-{
-    return MIXER_FIFO;
-}
-streamStatus CMixer::init()
-{
-    return answerTo("MUX init");
-}
-streamStatus CMixer::myInit()
-{
-    return STREAM_OK;
-}
-CDownstreamPort* CMixer::getNextDownstreamPort()
-{
-    return nullptr;
-}
-streamStatus CMixer::reconfigBlockCheck(audioPortParam_t&, audioPortParam_t)
-{
-    return STREAM_OK;
-}
-streamStatus CMixer::service(CServiceTime& next)
-{
-    return serviceOf("MUX", next);
-}
-std::string CMixer::printBlockStatus()
-{
-    return "";
-}
-
-CALSASource::CALSASource(std::string pName, unsigned int pNChannels, float pSampleRate, unsigned int pNPeriods,
-                         unsigned int pPeriodSize, sampleFormat_e pSampleFormat, std::string pDeviceName)
-    : CAudioBlock(pName)
-{
-    happened("CALSASource " + pName + " " + text(pNChannels) + " " + std::to_string(pSampleRate) + " " +
-             text(pNPeriods) + " " + text(pPeriodSize) + " " + std::to_string(pSampleFormat) + " " + pDeviceName);
-}
-CALSASource::~CALSASource()
-{
-    happened("~ALSA_SOURCE");
-}
-runTimeId CALSASource::getRunTimeId()
-{
-    return ALSA_SOURCE;
-}
-streamStatus CALSASource::init()
-{
-    return answerTo("ALSA_SOURCE init");
-}
-streamStatus CALSASource::service(CServiceTime& next)
-{
-    return serviceOf("ALSA_SOURCE", next);
-}
-std::string CALSASource::printBlockStatus()
-{
-    return "";
-}
-
-CSampleRateConverter::CSampleRateConverter(std::string name) : CAudioBlock(name)
-{
-    happened("CSampleRateConverter " + name);
-}
-CSampleRateConverter::~CSampleRateConverter()
-{
-    happened("~" + blockName);
-}
-runTimeId CSampleRateConverter::getRunTimeId()
-{
-    return SAMPLE_RATE_CONVERTER;
-}
-streamStatus CSampleRateConverter::init()
-{
-    return answerTo(blockName + " init");
-}
-streamStatus CSampleRateConverter::reconfigBlockCheck(audioPortParam_t&, audioPortParam_t)
-{
-    return STREAM_OK;
-}
-streamStatus CSampleRateConverter::service(CServiceTime& next)
-{
-    return serviceOf(blockName, next);
-}
-std::string CSampleRateConverter::printBlockStatus()
-{
-    return "";
-}
 
 CToneGenerator::CToneGenerator(std::string name, float sampleRate) : CAudioPlay(name)
 {
@@ -1097,7 +867,7 @@ protected:
         second = addPlaylist("second");
         ASSERT_EQ(second, 2);
         for (int sequence = 1; sequence <= 3; sequence++) {
-            addEntry(second, sequence, ItemType::WAV, "second" + text(static_cast<unsigned int>(sequence)) + ".wav");
+            addEntry(second, sequence, ItemType::WAV, "second" + std::to_string(sequence) + ".wav");
         }
         addEntry(playlist, 1, ItemType::JUMP, path);
         addEntry(playlist, 2, ItemType::WAV, "first.wav");
