@@ -685,6 +685,50 @@ TEST_F(Mp3File, FileThatTheDecoderRefusesIsAnErrorWithAllFourFigures)
     EXPECT_EQ(openDescriptors(), descriptorsBefore);
 }
 
+TEST_F(Mp3File, OpeningThatIsRefusedClosesTheFileItself)
+{
+    const std::string name = storeEncoded();
+    const size_t descriptorsBefore = openDescriptors();
+    OpenMp3 mp3;
+    ASSERT_EQ(mp3.setNewFile(name), STREAM_OK);
+    script.openFeed = MPG123_ERR;
+    EXPECT_EQ(mp3.openFile(), STREAM_ERROR);
+    expectNoFile(mp3);
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+    script.openFeed.reset();
+    script.decode = {MPG123_NO_SPACE};
+    EXPECT_EQ(mp3.openFile(), STREAM_ERROR);
+    expectNoFile(mp3);
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+}
+
+TEST_F(Mp3File, LengthAndCountOfTheFileBeforeStayUntilTheDecoderHasStarted)
+{
+    const std::string name = storeEncoded();
+    OpenMp3 mp3;
+    mp3.fileSizeSamples = 0;
+    mp3.framesConsumed = 77;
+    mp3.decodeStatus = MPG123_DONE;
+    mp3.newInBytes = 88;
+    mp3.decodedBytes = 99;
+    EXPECT_EQ(mp3.setNewFile(name + ".gone"), FILE_NOT_FOUND);
+    EXPECT_EQ(mp3.decodeStatus, MPG123_DONE);
+    EXPECT_EQ(mp3.newInBytes, 88);
+    EXPECT_EQ(mp3.decodedBytes, 99);
+    script.openFeed = MPG123_ERR;
+    EXPECT_EQ(mp3.setNewFile(name), STREAM_ERROR);
+    EXPECT_EQ(mp3.decodeStatus, MPG123_NEED_MORE);
+    EXPECT_EQ(mp3.newInBytes, 0);
+    EXPECT_EQ(mp3.decodedBytes, 0);
+    EXPECT_EQ(mp3.fileSizeSamples, 0);
+    EXPECT_EQ(mp3.framesConsumed, 77U);
+    EXPECT_EQ(mp3.timeLeft(), 0);
+    script.openFeed.reset();
+    ASSERT_EQ(mp3.setNewFile(name), STREAM_OK);
+    EXPECT_EQ(mp3.fileSizeSamples, -1);
+    EXPECT_EQ(mp3.framesConsumed, 0U);
+}
+
 TEST_F(Mp3File, SearchGoesOnAfterAnErrorThatIsNegative)
 {
     script.decode = {MPG123_ERR, MPG123_NEED_MORE, MPG123_OK, MPG123_DONE};
@@ -895,7 +939,7 @@ TEST_F(Mp3Reading, FileThatShrinksWhileItPlaysEndsWithWhatHasBeenRead)
     const bytes file = mp3Files::encode({});
     play(file);
     bytes got = read();
-    const off_t at = lseek(block->fnum, 0, SEEK_CUR);
+    const auto at = static_cast<ptrdiff_t>(lseek(block->fnum, 0, SEEK_CUR));
     ASSERT_GT(at, 1000);
     std::filesystem::resize_file(path(), 1000);
     const bytes rest = readToTheEnd();
@@ -1161,6 +1205,19 @@ TEST_F(Mp3Reading, DecoderThatIsDoneEndsTheFileWithAWord)
     acknowledge();
     EXPECT_EQ(block->framesConsumed, 0U); // of no samples at all
     EXPECT_EQ(block->port().getPeriodCount(), 2);
+}
+
+TEST_F(Mp3Reading, RequestForgetsThatTheDecoderWasDone)
+{
+    play(mp3Files::encode({}));
+    script.decode = {MPG123_DONE};
+    (void)traced(-1, [&] { (void)request(); });
+    EXPECT_EQ(block->decodeStatus, MPG123_DONE);
+    block->framesConsumed = 7;
+    EXPECT_TRUE(request().empty()); // the last period is still out
+    EXPECT_EQ(block->decodeStatus, MPG123_NEED_MORE);
+    acknowledge();
+    EXPECT_EQ(block->framesConsumed, 7U + 2048U); // so it is counted like any other
 }
 
 TEST_F(Mp3Reading, NothingOfOursIsAllocatedFromTheFirstPeriodToTheLast)
