@@ -63,7 +63,8 @@ public:
      * Opens the file `newName`, decodes up to its first frame and configures the free port for it.
      *
      * A file in which the decoder finds no frame, a directory too, is read at its end for ever: this does not return
-     * before the file has grown one.
+     * before the file has grown one. The decoder believes a frame when it has seen the header of the next, so a file of
+     * a single frame has none.
      *
      * @return FILE_NOT_FOUND; PORT_CFG_ERROR for an encoding without a sample format; NO_MEMORY for a block whose
      *         buffers could not be made; STREAM_ERROR for a decoder that does not start, a file that it refuses, and a
