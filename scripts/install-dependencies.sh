@@ -15,7 +15,8 @@ run_packages=(
   alsa-utils sox espeak-ng lame         # card look-up, demo material
   python3 python3-numpy                 # recording analysis
 )
-test_packages=(libgtest-dev libgmock-dev libmp3lame-dev lame python3-pytest python3-pytest-xdist iproute2 util-linux sqlite3 shellcheck)
+test_packages=(libgtest-dev libgmock-dev libmp3lame-dev lame python3-pytest python3-pytest-xdist iproute2 util-linux sqlite3 shellcheck
+  icecast2 apache2-bin nginx-light lighttpd)  # servers of the stream tests
 bench_packages=(libbenchmark-dev libsamplerate0-dev libspeexdsp-dev libsoxr-dev libzita-resampler-dev gnuplot-nox)
 arm_packages=(g++-arm-linux-gnueabihf qemu-user-static)
 fuzz_packages=(clang-14 libclang-rt-14-dev llvm-14)
@@ -47,5 +48,12 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "Installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# The servers among them are run by the tests, in namespaces; none is to begin work as a service of this machine.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" tee "$policy" >/dev/null
+  "${as_root[@]}" chmod +x "$policy"
+  trap '"${as_root[@]}" rm -f "$policy"' EXIT
+fi
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

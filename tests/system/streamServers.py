@@ -24,6 +24,7 @@ Everything ends with close(), or with the namespaces.
 import base64
 import os
 import pathlib
+import re
 import shutil
 import socket
 import subprocess
@@ -336,6 +337,22 @@ class Shoutcast:
             peer.send(SHOUTCAST_REFUSAL)
 
 
+class Dropping:
+    """A server that lists itself many times over, and drops each connection soon after it has begun to play."""
+
+    def __init__(self, audio, entries, seconds=0.05):
+        self.audio, self.entries, self.seconds, self.played = audio, entries, seconds, 0
+
+    def __call__(self, peer):
+        if "://" in peer.request:
+            urls = [f"http://127.0.0.1:8000/{n}" for n in range(self.entries)]
+            peer.send(http_answer("audio/x-mpegurl", m3u(urls)))
+        else:
+            peer.send(HEADER)
+            peer.play(self.audio, self.seconds, ahead_seconds=0.6)
+            self.played += 1
+
+
 # -- real servers -------------------------------------------------------------------------------------------------------
 
 
@@ -564,6 +581,13 @@ class Lighttpd(WebServer):
 def request_of(url):
     """The first request that the player sends for this URL: the whole of it, and nothing more."""
     return f"GET {url} HTTP/1.0\r\n\r\n".encode()
+
+
+def resources(daemon):
+    """Resident KiB, descriptors and threads of the daemon."""
+    status = pathlib.Path(f"/proc/{daemon.pid}/status").read_text()
+    return (int(re.search(r"VmRSS:\s+(\d+)", status)[1]), len(os.listdir(f"/proc/{daemon.pid}/fd")),
+            int(re.search(r"Threads:\s+(\d+)", status)[1]))
 
 
 def heard(card):

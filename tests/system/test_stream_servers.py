@@ -8,10 +8,9 @@ import re
 
 import pytest
 
-from daemonHarness import ROOT
+from documentExamples import table, the_block
 from streamServers import (Apache, Icecast, Lighttpd, Nginx, heard, m3u, pls, request_of, tone, tone_frequency, xspf)
 
-DOCUMENT = ROOT / "docs" / "streams.md"
 STREAM_PORT, WEB_PORT = 8000, 8080
 SILENCE = "nothing, closes"
 
@@ -34,27 +33,23 @@ WEB_SERVERS = {
 
 def configuration(language):
     """The lines that the document tells a web server's keeper to add."""
-    return re.search(rf"```{language}\n(.*?)```", DOCUMENT.read_text(), re.DOTALL).group(1)
+    return the_block("streams.md", language, "What real servers do")
 
 
-def table():
+def rows():
     """The rows of the table: (server, URL's last part, first line, content type, whether it plays)."""
-    rows, server = [], None
-    for line in DOCUMENT.read_text().splitlines():
-        cells = [cell.strip() for cell in line.strip("|").split("|")]
-        if not line.startswith("|") or len(cells) != 4 or not re.fullmatch(r"`[\w.]+`.*", cells[1]):
-            continue
-        server = cells[0] or server
-        path = re.match(r"`([\w.]+)`", cells[1]).group(1)
-        words = re.findall(r"`([^`]+)`", cells[2])
-        assert words or cells[2] == SILENCE, line
-        verdict = re.match(r"\*\*(plays|refused)\*\*", cells[3]).group(1)
-        rows.append((server, path, *(words or (None, None)), verdict == "plays"))
-    return rows
+    found, server = [], None
+    for name, url, answer, verdict in table("streams.md", "What real servers do"):
+        server = name or server
+        words = re.findall(r"`([^`]+)`", answer)
+        assert len(words) == 2 or answer == SILENCE, answer
+        plays_it = re.match(r"\*\*(plays|refused)\*\*", verdict)[1] == "plays"
+        found.append((server, url.strip("`"), *(words or (None, None)), plays_it))
+    return found
 
 
 def rows_of(server):
-    found = [row[1:] for row in table() if row[0] == server]
+    found = [row[1:] for row in rows() if row[0] == server]
     assert found, f"docs/streams.md has no row of {server}"
     return found
 
@@ -99,7 +94,7 @@ def compare(station, server, name):
 
 
 def test_every_row_of_the_table_is_tried_here():
-    assert {row[0] for row in table()} == {"Icecast 2.4", *WEB_SERVERS}
+    assert {row[0] for row in rows()} == {"Icecast 2.4", *WEB_SERVERS}
 
 
 def test_icecast(station):
@@ -107,7 +102,7 @@ def test_icecast(station):
     station.boot("-t", "2047")
     with Icecast(station.daemon, STREAM_PORT, files=FILES) as server:
         server.source("live.mp3", audio)
-        server.source("Live.mp3", audio)
+        server.source("Upper.mp3", audio)
         compare(station, server, "Icecast 2.4")
 
 
