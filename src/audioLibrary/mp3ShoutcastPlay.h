@@ -22,6 +22,7 @@
 #include "audioLibrary/osAbstraction/osAbstraction.h"
 #include "audioLibrary/shoutcastPlaylist.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -218,6 +219,25 @@ private:
     streamStatus searchFormat();
     bool configureFreePort();
     bool portFitsStream() const;
+
+    // Recovery: what service() does by state.
+    streamStatus tryNextItem(CServiceTime& nextService, const CServiceTime& due);
+    streamStatus openCurrentItem(CServiceTime& nextService, const CServiceTime& due);
+    streamStatus reportFailedConnection();
+    streamStatus giveUpForGood();
+
+    // Delivery.
+    bool isPeriodComplete() const;
+    void deliver(char*& pbuffer, unsigned int& nPeriods);
+    void deliverEnd(char*& pbuffer, unsigned int& nPeriods);
+    streamStatus decodePeriod();
+    size_t decodeIntoWorkBuffer();
+    streamStatus readStream();
+    streamStatus lose(connectState_e state);
+    streamStatus giveUpOnStalledItem();
+    void countEmptyRead();
+    void endGap();
+    void feedDecoder();
 };
 
 } // namespace audioLibrarySpace
