@@ -1159,6 +1159,7 @@ TEST_F(Mp3Reading, EndOfTheFileIsOnePaddedPeriodAndThenSilence)
     std::memset(block->workBuffer, 0x77, 8192);
     const bytes last = request();
     EXPECT_EQ(last, bytes(wanted.begin() + 2 * 8192, wanted.end()));
+    EXPECT_EQ(block->decodeStatus, MPG123_NEED_MORE); // it was the file that ended
     EXPECT_EQ(block->fileSizeSamples, 0);
     EXPECT_EQ(block->framesConsumed, 0U);
     EXPECT_EQ(block->decodedBytes, 0);
@@ -1167,7 +1168,7 @@ TEST_F(Mp3Reading, EndOfTheFileIsOnePaddedPeriodAndThenSilence)
     (void)request();
     EXPECT_EQ(nPeriods, 0U);
     acknowledge();
-    EXPECT_EQ(block->framesConsumed, 2048U); // the decoder only wanted more: it was the file that ended
+    EXPECT_EQ(block->framesConsumed, 2048U);
     EXPECT_EQ(block->timeLeft(), 0);
     for (int i = 0; i < 3; i++) {
         std::memset(block->workBuffer, 0x77, 8192);
