@@ -28,6 +28,7 @@ struct Clock {
     bool isSet = false;
     bool isBroken = false;
     struct timespec now = {};
+    int numReads = 0;
 };
 Clock fakeClock;
 
@@ -40,6 +41,7 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec* time)
     if (clock != CLOCK_MONOTONIC || !fakeClock.isSet) {
         return __real_clock_gettime(clock, time);
     }
+    fakeClock.numReads++;
     if (fakeClock.isBroken) {
         *time = {1000000, 999999999}; // not to be taken for a time
         return -1;
@@ -164,7 +166,7 @@ protected:
         type(line);
         return service();
     }
-    static void setClock(time_t seconds, long nanoseconds) { fakeClock = {true, false, {seconds, nanoseconds}}; }
+    static void setClock(time_t seconds, long nanoseconds) { fakeClock = {true, false, {seconds, nanoseconds}, 0}; }
     /** Whether a line that waits is left to wait at that time. */
     bool sleepsAt(time_t seconds, long nanoseconds)
     {
@@ -250,6 +252,14 @@ TEST_F(Console, NothingTypedWritesNothing)
 {
     EXPECT_EQ(service(), "");
     EXPECT_EQ(service(), "");
+}
+
+TEST_F(Console, NothingTypedCostsNoMoreThanTheRead)
+{
+    setClock(100, 0);
+    service();
+    enter("cmd\n");
+    EXPECT_EQ(fakeClock.numReads, 0);
 }
 
 TEST_F(Console, EndOfInputIsSilent)
@@ -797,7 +807,7 @@ TEST_F(ConsoleSleep, IsTriedForEveryCommandThatBeginsWithItsWord)
 
 TEST_F(ConsoleSleep, WithoutAClockIsRefused)
 {
-    fakeClock = {true, true, {}};
+    fakeClock = {true, true, {}, 0};
     EXPECT_EQ(enter("sleep 5000\n"), "Unable to sleep.\n$ ");
     EXPECT_FALSE(sleepsAt(100, 0));
 }
