@@ -274,10 +274,16 @@ def test_a_jump_is_written_in_the_players_form(filled):
 
 @pytest.mark.parametrize("target, expect", [
     ("morning:10", REFUSED), ("morning:-1", REFUSED), ("noon:1", NOT_FOUND), ("morning", USAGE), ("morning:", USAGE),
-    ("morning:1x", USAGE), ("morning:3", REFUSED)])
+    ("morning:1x", USAGE), ("morning:4", REFUSED), ("morning:5", REFUSED)])
 def test_a_jump_that_cannot_be_expressed_or_would_hang_the_player_is_refused(filled, target, expect):
-    filled.ctl("playlist", "add", "morning", "a.wav", "--jump", target, expect=expect)
+    filled.ctl("playlist", "add", "morning", "a.wav", "--jump", target, expect=expect)  # the jump would be entry 4
     assert len(filled.walk("morning")) == 2
+
+
+def test_a_new_playlist_may_be_filled_and_jump_to_its_own_beginning_at_once(morning):
+    morning.file("a.wav", wav(5000))
+    morning.ctl("playlist", "add", "morning", "a.wav", "--jump", "morning:1")
+    assert morning.walk("morning") == [(1, "a.wav"), (2, "ITEM_TYPE_JUMP:1:1")]
 
 
 def test_a_jump_to_playlist_9_is_taken_and_to_10_refused(filled):
@@ -289,16 +295,81 @@ def test_a_jump_to_playlist_9_is_taken_and_to_10_refused(filled):
     assert "only the ids 0 to 9 can be expressed" in result.stderr
 
 
-def test_a_jump_among_nothing_but_jumps_is_told(filled):
+@pytest.fixture
+def jumping(filled):
+    """morning: two files, then jumps to noon, whose one file is followed by a jump back."""
+    filled.ctl("playlist", "create", "noon")
+    filled.ctl("playlist", "add", "noon", "a.wav", "--jump", "morning:2")
+    filled.ctl("playlist", "add", "morning", "--jump", "noon:1")
+    return filled
+
+
+def test_jumps_that_would_only_name_each_other_are_refused(filled):
     filled.ctl("playlist", "create", "circle")
     filled.ctl("playlist", "add", "circle", "--jump", "morning:1")
-    assert "nothing but jumps" in filled.ctl("playlist", "add", "morning", "--jump", "circle:1").stderr
+    filled.ctl("playlist", "add", "morning", "--jump", "circle:1")  # there are files in this one
+    filled.ctl("playlist", "remove", "morning", "1")
+    result = filled.ctl("playlist", "remove", "morning", "2", expect=REFUSED)
+    assert result.stderr == ('audioplayerctl: refused, for then playlist 1, sequence 3: the jump "ITEM_TYPE_JUMP:2:1" '
+                             "leads to nothing but jumps: the player would hang in it\n")
+    assert filled.walk("morning") == [(2, "a.wav"), (3, "ITEM_TYPE_JUMP:2:1")]
 
 
-def test_deleting_the_target_of_a_jump_is_told(filled):
+@pytest.mark.parametrize("command, trap", [
+    (("playlist", "delete", "noon"), "playlist 1, sequence 3"),
+    (("delete", "noon"), "playlist 1, sequence 3"),
+    (("upload", "morning", "a.wav"), "playlist 2, sequence 2"),  # leaves morning without a second entry
+])
+def test_a_change_that_takes_the_target_from_a_jump_is_refused(jumping, command, trap):
+    before = jumping.walk("morning"), jumping.walk("noon")
+    result = jumping.ctl(*command, expect=REFUSED)
+    assert "refused, for then " + trap in result.stderr
+    assert "leads to no entry: the player would hang in it" in result.stderr
+    assert (jumping.walk("morning"), jumping.walk("noon")) == before
+
+
+def test_a_move_that_puts_a_jump_in_front_of_what_it_leads_to_is_refused(filled):
+    filled.ctl("playlist", "add", "morning", "--jump", "morning:2")
+    filled.ctl("playlist", "move", "morning", "1", "9")
+    result = filled.ctl("playlist", "move", "morning", "2", "8", expect=REFUSED)
+    assert "leads to nothing but jumps" in result.stderr
+    assert filled.walk("morning") == [(2, "a.wav"), (3, "ITEM_TYPE_JUMP:1:2"), (9, "a.wav")]
+
+
+def test_a_playlist_that_jumps_to_itself_alone_can_be_deleted(filled):
+    filled.ctl("playlist", "add", "morning", "--jump", "morning:1")
+    filled.ctl("playlist", "delete", "morning")
+    assert filled.json("playlist", "list") == []
+
+
+def spoil(station, path):
+    """Puts a jump of this text behind the entries of playlist 1, as another program would."""
+    connection = sqlite3.connect(station.database)
+    item = connection.execute("INSERT INTO T_Items VALUES(NULL, ?, 3, 0, 1)", (path,)).lastrowid
+    connection.execute("INSERT INTO T_Playlist_Item_Association VALUES(NULL, 50, 1, ?)", (item,))
+    connection.commit()
+    connection.close()
+
+
+@pytest.mark.parametrize("path, fate", [("ITEM_TYPE_JUMP:1", "end in it"), ("ITEM_TYPE_JUMP:7:1", "hang in it")])
+def test_a_source_that_comes_to_a_jump_which_is_not_survived_is_not_started(filled, path, fate):
     filled.ctl("playlist", "create", "noon")
-    filled.ctl("playlist", "add", "noon", "--jump", "morning:1")
-    assert "playlist 2 jumps to the deleted one" in filled.ctl("playlist", "delete", "morning").stderr
+    filled.ctl("playlist", "add", "noon", "a.wav", "--jump", "morning:1")
+    filled.ctl("playlist", "create", "evening")
+    filled.ctl("playlist", "add", "evening", "a.wav")
+    spoil(filled, path)
+    for command in (("start", "morning"), ("start", "noon"), ("play", "noon")):
+        result = filled.ctl(*command, expect=REFUSED)
+        assert f'not started: playlist 1, sequence 50: the jump "{path}"' in result.stderr
+        assert f"the player would {fate}" in result.stderr
+    in_namespace(filled, LISTEN.format(port=7004) + "assert ctl('start', 'evening').returncode == 0\n")
+
+
+def test_a_bad_jump_that_is_there_is_in_nobodys_way_and_can_be_removed(filled):
+    spoil(filled, "ITEM_TYPE_JUMP")
+    filled.ctl("playlist", "add", "morning", "a.wav")
+    filled.ctl("playlist", "remove", "morning", "50")
+    assert filled.walk("morning") == [(1, "a.wav"), (2, "a.wav"), (51, "a.wav")]
 
 
 # ---- what files will do
@@ -496,7 +567,8 @@ def test_status_says_plainly_that_the_port_is_in_use(station):
 
 
 @pytest.mark.parametrize("arguments", [[], ["playlist"], ["start"], ["status"], ["playlist", "add"], ["upload"],
-                                       ["delete"], ["play"], ["as-played"], ["now-playing"]])
+                                       ["delete"], ["play"], ["as-played"], ["now-playing"], ["stream"],
+                                       ["stream", "add"], ["stream", "probe"]])
 def test_every_command_has_help(station, arguments):
     result = station.ctl(*arguments, "--help")
     assert "Usage: audioplayerctl" in result.stdout

@@ -170,6 +170,7 @@ void playPlaylist(const Options& options)
     }
     Library library(options.database, Library::READ);
     const int source = library.sourceOf(library.findPlaylist(options.playlist));
+    library.expectSurvivable(source);
     sendStart(options.control, source);
     printf("Asked the player to start source %d\n", source);
 }

@@ -2,8 +2,7 @@
 
 #include "AsPlayedLog.h"
 #include "audioFile.h"
-#include "failure.h"
-#include "sqlite3Wrapper.h"
+#include "libraryPrivate.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -50,90 +49,6 @@ std::string absolutePath(const std::string& file)
 }
 
 } // namespace
-
-// ---- statements and transactions
-
-/** A statement of the tool's own, in the wrapper's pattern. */
-class Library::Query
-{
-public:
-    Query(sqlite3* connection, const char* sql, const char* label)
-        : db(connection), name(label), stmt(prepare_statement(connection, sql, label))
-    {
-        if (stmt == nullptr)
-            throw Failure(EXIT_FAILED, std::string("the database refuses a question: ") + sqlite3_errmsg(db));
-    }
-    ~Query() { sqlite3_finalize(stmt); } // its failure is that of the step, which has been told
-    Query(const Query&) = delete;
-    Query& operator=(const Query&) = delete;
-
-    Query& bind(int index, int value)
-    {
-        bind_int(db, stmt, index, static_cast<uint32_t>(value), name, "value");
-        return *this;
-    }
-    Query& bind(int index, const std::string& value)
-    {
-        bind_text(db, stmt, index, value.c_str(), name, "value");
-        return *this;
-    }
-    /** Goes to the next row; false at the end. */
-    bool next()
-    {
-        const int rc = step_statement(db, stmt, name);
-        if (rc != SQLITE_ROW && rc != SQLITE_DONE)
-            throw Failure(EXIT_FAILED, std::string("the database can't be read: ") + sqlite3_errmsg(db));
-        return rc == SQLITE_ROW;
-    }
-    int number(int column) const { return sqlite3_column_int(stmt, column); }
-    int64_t number64(int column) const { return sqlite3_column_int64(stmt, column); }
-    bool isNull(int column) const { return sqlite3_column_type(stmt, column) == SQLITE_NULL; }
-    std::string text(int column) const
-    {
-        const unsigned char* found = sqlite3_column_text(stmt, column);
-        return found == nullptr ? "" : reinterpret_cast<const char*>(found);
-    }
-
-private:
-    sqlite3* db;
-    const char* name;
-    sqlite3_stmt* stmt;
-};
-
-/** All that is written between construction and commit(), or nothing of it. */
-class Library::Transaction
-{
-public:
-    explicit Transaction(Library& library) : db(library.db)
-    {
-        // Already there after the first time. Refused while another program is in the file: then the next write tries.
-        sqlite3_exec(db, "PRAGMA journal_mode = WAL;", nullptr, nullptr, nullptr);
-        run("BEGIN IMMEDIATE;"); // the write lock at once: no read that turns out stale at the first write
-    }
-    ~Transaction()
-    {
-        if (!isCommitted)
-            sqlite3_exec(db, "ROLLBACK;", nullptr, nullptr, nullptr);
-    }
-    Transaction(const Transaction&) = delete;
-    Transaction& operator=(const Transaction&) = delete;
-
-    void commit()
-    {
-        run("COMMIT;");
-        isCommitted = true;
-    }
-
-private:
-    void run(const char* sql)
-    {
-        if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK)
-            throw Failure(EXIT_FAILED, std::string("cannot write to the database: ") + sqlite3_errmsg(db));
-    }
-
-    sqlite3* db;
-    bool isCommitted = false;
-};
 
 struct Library::InspectedFile {
     std::string path;
@@ -317,15 +232,6 @@ std::string Library::jumpPath(const std::string& target)
         throw Failure(EXIT_REFUSED,
                       "a jump can't lead to sequence " + std::to_string(*sequence) + ": only 0 to 9 can be expressed");
 
-    // The player follows jumps without end if none of them leads to a file, and plays nothing meanwhile.
-    const std::vector<EntryRow> there = entries(id);
-    const auto isAtOrBehind = [&](const EntryRow& entry) { return entry.sequence >= std::max(*sequence, 1); };
-    if (std::none_of(there.begin(), there.end(), isAtOrBehind))
-        throw Failure(EXIT_REFUSED, "playlist " + std::to_string(id) + " has no entry at or behind sequence " +
-                                        std::to_string(*sequence) + ": the player would hang in this jump");
-    if (std::all_of(there.begin(), there.end(), [](const EntryRow& entry) { return entry.type == "ITEM_TYPE_JUMP"; }))
-        warn("playlist " + std::to_string(id) + " holds nothing but jumps: a circle of jumps hangs the player");
-
     // The last character of the set I, T, E, M, _, Y, P, J, U must be the P in front of the first separator.
     return "ITEM_TYPE_JUMP:" + std::to_string(id) + ":" + std::to_string(*sequence);
 }
@@ -369,10 +275,12 @@ void Library::add(int playlistId, const std::vector<std::string>& files, const s
     const std::string jumpEntry = jump.empty() ? "" : jumpPath(jump);
 
     Transaction transaction(*this);
+    const std::vector<JumpTrap> before = jumpTraps();
     for (const auto& [path, figures] : inspected)
         insert(playlistId, path, figures.itemType, figures.numFrames, figures.rateHz);
     if (!jumpEntry.empty())
         insert(playlistId, jumpEntry, ItemType::JUMP, 0, 1); // a rate of 0 would leave the playlist without a length
+    expectNoNewTrap(before);
     transaction.commit();
 }
 
@@ -380,6 +288,7 @@ bool Library::upload(const std::string& name, const std::vector<std::string>& fi
 {
     const std::vector<InspectedFile> inspected = inspect(files);
     Transaction transaction(*this);
+    const std::vector<JumpTrap> before = jumpTraps();
     int id = database.getPlaylistId(name.c_str());
     const bool isNew = id == -1;
     if (isNew) {
@@ -392,6 +301,7 @@ bool Library::upload(const std::string& name, const std::vector<std::string>& fi
         throw Failure(EXIT_REFUSED, "the player can't name playlists with ids above 65534");
     for (const auto& [path, figures] : inspected)
         insert(id, path, figures.itemType, figures.numFrames, figures.rateHz);
+    expectNoNewTrap(before);
     transaction.commit();
     return isNew;
 }
@@ -401,6 +311,7 @@ void Library::move(int playlistId, int from, int to)
     if (to < 1 || to > MAX_SEQUENCE)
         throw Failure(EXIT_REFUSED, "a sequence lies from 1 to 65534");
     Transaction transaction(*this);
+    const std::vector<JumpTrap> before = jumpTraps();
     int itemId = 0;
     const int placeId = placeAt(playlistId, from, itemId);
     if (from != to) {
@@ -417,31 +328,27 @@ void Library::move(int playlistId, int from, int to)
             expectDone(database.update_playlist_item(entry->placeId, entry->sequence + 1), "move an entry");
         expectDone(database.update_playlist_item(placeId, to), "move the entry");
     }
+    expectNoNewTrap(before);
     transaction.commit();
 }
 
 void Library::remove(int playlistId, int sequence)
 {
     Transaction transaction(*this);
+    const std::vector<JumpTrap> before = jumpTraps();
     int itemId = 0;
     const int placeId = placeAt(playlistId, sequence, itemId);
     database.delete_playlist_item(placeId, itemId);
+    expectNoNewTrap(before);
     transaction.commit();
 }
 
 void Library::deletePlaylist(int playlistId)
 {
     Transaction transaction(*this);
-    const std::string lead = "ITEM_TYPE_JUMP:" + std::to_string(playlistId) + ":";
-    Query jumps(
-        db,
-        "SELECT DISTINCT a.playlist_id FROM T_Playlist_Item_Association a JOIN T_Items i ON i.id = a.item_id WHERE i.item_type = 3 AND substr(i.pathname, 1, ?) = ? AND a.playlist_id <> ?;",
-        "find_jumps");
-    jumps.bind(1, static_cast<int>(lead.size())).bind(2, lead).bind(3, playlistId);
-    while (jumps.next())
-        warn("playlist " + std::to_string(jumps.number(0)) +
-             " jumps to the deleted one: the player hangs when it takes that jump");
+    const std::vector<JumpTrap> before = jumpTraps();
     expectDone(database.delete_playlist(playlistId), "delete the playlist");
+    expectNoNewTrap(before);
     transaction.commit();
 }
 

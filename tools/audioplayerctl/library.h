@@ -13,6 +13,7 @@
 
 #include "AudioDatabase.h"
 #include "asPlayed.h"
+#include "jumps.h"
 
 #include <cstdint>
 #include <optional>
@@ -45,6 +46,20 @@ struct SourceRow {
     std::string name;
 };
 
+/** A row of T_Streams. */
+struct StreamRow {
+    static constexpr int LIVEWIRE = 1; ///< `type`: a Livewire destination
+    static constexpr int INTERNET = 2; ///< `type`: an internet stream
+
+    int id;
+    std::string name;
+    int type;
+    std::string url; ///< of an internet stream
+    int channel;     ///< nothing reads it
+    int dst;         ///< of a Livewire destination its number, from 1
+    int sourceId;    ///< what a start command names; 0 if the stream has lost its source
+};
+
 class Library
 {
 public:
@@ -75,6 +90,8 @@ public:
     /** Adds a playlist, a cart if `isCart`, and answers its id. Throws if the name is taken. */
     int createPlaylist(const std::string& name, bool isCart);
 
+    // No change of playlists is made that would leave a jump which the player does not survive: it is refused.
+
     /** Appends the files, in order, and then the jump "PLAYLIST:SEQUENCE" if it is not empty. All or nothing. */
     void add(int playlistId, const std::vector<std::string>& files, const std::string& jump);
 
@@ -95,8 +112,33 @@ public:
     /** Deletes the playlist, its entries, and the items that no other playlist uses. The files on disk stay. */
     void deletePlaylist(int playlistId);
 
+    /** Throws if the player would come, from this source on, to a jump that it does not survive. */
+    void expectSurvivable(int sourceId);
+
     /** The audio files of the playlist, each once; those that another playlist uses as well are told and left out. */
     std::vector<std::string> filesOnlyIn(int playlistId);
+
+    // ---- streams
+
+    std::vector<StreamRow> streams();
+
+    /** The stream's row. Throws if there is none. */
+    StreamRow stream(int streamId);
+
+    /** The stream's id, from its id or name. Throws if there is none. */
+    int findStream(const std::string& idOrName);
+
+    /** The stream that the source plays; none if it plays a playlist. */
+    std::optional<StreamRow> streamOf(int sourceId);
+
+    /** Adds a stream of that name, type, URL and destination; answers it with its ids. Throws if the name is taken. */
+    StreamRow addStream(const StreamRow& wanted);
+
+    /** Overwrites the stream of that id, and renames its source. Throws if the new name is taken. */
+    void editStream(const StreamRow& wanted);
+
+    /** Removes the stream, and with it its source. What is on air stays there. */
+    void removeStream(int streamId);
 
     // ---- the as-played log: empty as long as no player has run on the database
 
@@ -127,6 +169,10 @@ private:
     int findByIdOrName(const std::string& idOrName, const char* byId, const char* byName, const char* what);
     int placeAt(int playlistId, int sequence, int& itemId);
     std::string jumpPath(const std::string& target);
+    void expectNoSource(const std::string& name);
+    std::vector<JumpEntry> entriesOfAll(); ///< nothing if there is no jump at all
+    std::vector<JumpTrap> jumpTraps();
+    void expectNoNewTrap(const std::vector<JumpTrap>& before);
     static std::vector<InspectedFile> inspect(const std::vector<std::string>& files);
     bool hasAsPlayedTable();
     std::vector<AsPlayedRow> asPlayedWhere(const char* condition, int value);
