@@ -2,6 +2,7 @@
  * audioplayerctl: the person's hand on the player daemon.
  *
  *   audioplayerctl playlist create|add|list|show|move|remove|delete ...   the library in the database
+ *   audioplayerctl stream add|list|edit|remove|probe ...                  streams: rows of the database, and a trial
  *   audioplayerctl sources | start ID|NAME | stop | status                the running daemon
  *   audioplayerctl upload|delete|play NAME ..., as-played, now-playing    what automation does; from afar in its seat
  *
@@ -13,6 +14,7 @@
 #include "globals.h"
 #include "library.h"
 #include "options.h"
+#include "streamCommands.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -88,21 +90,6 @@ void showPlaylist(const Options& options)
     }
 }
 
-void listSources(const Options& options)
-{
-    const std::vector<SourceRow> rows = Library(options.database, Library::READ).sources();
-    if (options.isJson) {
-        Json json = Json::array();
-        for (const SourceRow& row : rows)
-            json.push_back({{"id", row.id}, {"type", row.type}, {"player_id", row.playerId}, {"name", row.name}});
-        print(json);
-        return;
-    }
-    printf("%5s  %-13s %9s  %s\n", "ID", "TYPE", "PLAYER ID", "NAME");
-    for (const SourceRow& row : rows)
-        printf("%5d  %-13s %9d  %s\n", row.id, row.type.c_str(), row.playerId, row.name.c_str());
-}
-
 void createPlaylist(const Options& options)
 {
     Library library(options.database, Library::CREATE);
@@ -139,7 +126,10 @@ void deletePlaylist(const Options& options)
 
 void start(const Options& options)
 {
-    const int id = Library(options.database, Library::READ).findSource(options.source);
+    Library library(options.database, Library::READ);
+    const int id = library.findSource(options.source);
+    library.expectSurvivable(id);
+    tellOfStreamStart(library, id);
     sendStart(options.control, id);
     printf("Asked the player to start source %d\n", id);
 }
@@ -154,9 +144,10 @@ void stop(const Options& options)
     puts("Asked the player to stop");
 }
 
-const char* const FOOTER = "Exit status: 0 done (status: the player runs), 1 the database or the system refused, 2 bad "
-                           "command line,\n3 the player is not running, 4 not found, 5 refused, 6 the heartbeat's port "
-                           "is in use.\nSee audioplayerctl(1).";
+const char* const FOOTER =
+    "Exit status: 0 done (status: the player runs; stream probe: it will play), 1 the database or the system refused, 2 bad "
+    "command line,\n3 the player is not running, 4 not found, 5 refused, 6 the heartbeat's port "
+    "is in use.\nSee audioplayerctl(1).";
 
 void addPlaylistCommands(CLI::App& app, Options& options, std::function<void(const Options&)>& chosen)
 {
@@ -199,6 +190,48 @@ void addPlaylistCommands(CLI::App& app, Options& options, std::function<void(con
     remove->add_option("SEQUENCE", options.sequence, "Where the entry is")->required();
 
     wantsPlaylist(command("delete", "Delete a playlist and its entries; the files on disk stay", deletePlaylist));
+}
+
+void addStreamCommands(CLI::App& app, Options& options, std::function<void(const Options&)>& chosen)
+{
+    CLI::App* stream =
+        app.add_subcommand("stream", "Add, look at, change, remove and try internet and Livewire streams");
+    stream->require_subcommand(1);
+    const auto command = [&](const char* name, const char* help, void (*action)(const Options&)) {
+        CLI::App* added = stream->add_subcommand(name, help);
+        added->callback([&chosen, action] { chosen = action; });
+        return added;
+    };
+    const auto takesTarget = [&](CLI::App* to, CLI::Option* url) {
+        to->add_option("--livewire", options.livewire,
+                       "A Livewire destination, from 1: the card \"hw:Axia,\" and one less")
+            ->check(CLI::Range(1, 32767))
+            ->excludes(url);
+    };
+
+    CLI::App* add = command("add", "Add a stream, and with it a source; the database too, if there is none", addStream);
+    add->add_option("NAME", options.stream, "Its name, no other source's yet")->required();
+    takesTarget(add, add->add_option("URL", options.url, "http://... of an internet stream or of its playlist"));
+    add->add_flag("--json", options.isJson, "Answer in JSON");
+
+    command("list", "List the streams", listStreams)->add_flag("--json", options.isJson, "List in JSON");
+
+    CLI::App* edit = command("edit", "Change a stream; what is on air goes on as it is", editStream);
+    edit->add_option("STREAM", options.stream, "Its id or name")->required();
+    edit->add_option("--name", options.newName, "Its new name; its source has it too");
+    takesTarget(edit, edit->add_option("--url", options.url, "http://...: it is an internet stream"));
+
+    command("remove", "Remove a stream and its source; what is on air goes on", removeStream)
+        ->add_option("STREAM", options.stream, "Its id or name")
+        ->required();
+
+    CLI::App* probe = command("probe", "Tell what the player would make of a URL: nothing is heard", probeStreamOrUrl);
+    probe->add_option("URL", options.url, "http://..., or a stream's id or name")->required();
+    probe->add_option("--timeout", options.probeSeconds, "Seconds to try; the player would for 100")
+        ->check(CLI::Range(0.1, 100.0))
+        ->capture_default_str();
+    probe->add_flag("--trace", options.isTraced, "Show what the player would print, too, on standard error");
+    probe->add_flag("--json", options.isJson, "Answer in JSON");
 }
 
 void addSeatOptions(CLI::App& command, Options& options)
@@ -295,6 +328,7 @@ int main(int argc, char** argv)
         ->check(CLI::Range(1, 65535))
         ->capture_default_str();
     addPlaylistCommands(app, options, chosen);
+    addStreamCommands(app, options, chosen);
     addDaemonCommands(app, options, chosen);
     addAutomationCommands(app, options, chosen);
 

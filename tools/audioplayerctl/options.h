@@ -34,5 +34,14 @@ struct Options {
     bool isFollowed = false;
     bool isCsv = false;
     bool isLogDeleted = false;
+
+    // streams
+    std::string stream; ///< id or name; of a new one the name
+    std::string url;
+    std::string newName;
+    int livewire = 0; ///< destination, from 1; 0 if none is given
+    double probeSeconds = 20;
+    bool isTraced = false;
+
     int limit = 0; ///< most entries of the as-played log; 0: all
 };
