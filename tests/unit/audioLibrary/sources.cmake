@@ -19,3 +19,13 @@ player_unit_test(livewireCardTest SOURCES livewireCardTest.cpp LINK alsaCapture 
 target_compile_definitions(livewireCardTest PRIVATE
   VIRTUAL_CARD_CONFIGURATION="${PROJECT_BINARY_DIR}/tools/virtualCard/virtualCard.conf")
 add_dependencies(livewireCardTest asound_module_pcm_vcard)
+
+# Sockets are the test's own: nothing is asked of a network.
+player_unit_test(shoutcastPlaylistTest SOURCES shoutcastPlaylistTest.cpp LINK streamSources)
+player_unit_test(mp3ShoutcastPlayTest SOURCES mp3ShoutcastPlayTest.cpp mp3Files.cpp LINK streamSources PkgConfig::LAME)
+target_link_options(mp3ShoutcastPlayTest PRIVATE
+  -Wl,--wrap=mpg123_init -Wl,--wrap=mpg123_new -Wl,--wrap=mpg123_delete -Wl,--wrap=mpg123_param2
+  -Wl,--wrap=mpg123_format_all -Wl,--wrap=mpg123_open_feed -Wl,--wrap=mpg123_decode -Wl,--wrap=mpg123_getformat)
+player_unit_test(mp3ShoutcastDeliveryTest
+  SOURCES mp3ShoutcastDeliveryTest.cpp mp3Files.cpp allocationCounter.cpp LINK streamSources PkgConfig::LAME)
+target_link_options(mp3ShoutcastDeliveryTest PRIVATE -Wl,--wrap=mpg123_decode)
