@@ -15,12 +15,13 @@ from daemonHarness import BINARY, CONTROL_PORT, HEARTBEAT_PORT, Daemon, log_line
 USAGE = "Usage: AudioPlayer -t [LOG_LEVEL] -p [PORTNUMBER] -d [DAEMONIZE]\n"
 BANNER = r"Vorelk Audio Player Version 1\.1\.0\.15\ncompiled on [A-Z][a-z]{2} [ \d]\d \d{4} at \d\d:\d\d:\d\d\n"
 
-# Runs a command whose processes all come back to this one, and prints the status of each.
+# Runs a command whose processes all come back to this one, and prints the status of each. The child keeps a name: an
+# unnamed one that has ended already is reaped by its own disposal, and its status lost.
 REAP = """
 import ctypes, os, subprocess, sys
 PR_SET_CHILD_SUBREAPER = 36
 ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-subprocess.Popen(sys.argv[1:], stdin=subprocess.DEVNULL, stdout=2)
+child = subprocess.Popen(sys.argv[1:], stdin=subprocess.DEVNULL, stdout=2)
 while True:
     try:
         print(os.waitstatus_to_exitcode(os.wait()[1]))
