@@ -20,8 +20,8 @@ constexpr long libraryVerbosity = 9;           ///< the decoder tells all that i
 constexpr long outputScale = 32767;            ///< full scale of the output; the decoder's own would be 32768
 
 /**
- * Bytes of a reply that are looked at. A stream that is taken for a playlist sends for as long as it is read; a station's
- * playlist has a few hundred bytes.
+ * Bytes of a reply that are looked at. A stream that is taken for a playlist sends for as long as it is read; the
+ * playlist of a station has a few hundred bytes.
  */
 constexpr size_t maxReplyBytes = 65536;
 
@@ -202,14 +202,16 @@ streamStatus CMp3ShoutcastPlay::openTopUrl(std::string pUrl)
     fileStatus = FILE_ERROR; // a source that is still looking does not play
     // clang-format off
     switch (connectState) {
-    //   state                          step                                     goes to
-    case OPEN_CONNECTION:               return stepOpenConnection(pUrl);         // CONNECTING, after a failure too
-    case CONNECTING:                    return stepConnecting();                 // stays while in progress; REQUEST_PLAYLIST
-    case REQUEST_PLAYLIST:              return stepRequestPlaylist(pUrl);        // READ_PLAYLIST
-    case READ_PLAYLIST:                 return stepReadPlaylist();               // stays while bytes come; PARSE_PLAY_LIST
-    case PARSE_PLAY_LIST:               return stepParsePlayList(pUrl);          // CALL_OPEN_PLAY_LIST_ITEM for a playlist, OPEN_PLAYLIST_ITEM
-                                                                                 // for the stream itself; FAILED_TO_OPEN_CONNECTION
-    case CALL_OPEN_PLAY_LIST_ITEM:      return stepCallOpenPlayListItem();       // OPEN_PLAYLIST_ITEM; FAILED_TO_OPEN_CONNECTION
+    //   state                     step                                goes to, or stays:
+    case OPEN_CONNECTION:          return stepOpenConnection(pUrl);    // CONNECTING, after a failure too
+    case CONNECTING:               return stepConnecting();            // REQUEST_PLAYLIST
+    case REQUEST_PLAYLIST:         return stepRequestPlaylist(pUrl);   // READ_PLAYLIST
+    case READ_PLAYLIST:            return stepReadPlaylist();          // PARSE_PLAY_LIST
+    case PARSE_PLAY_LIST:          return stepParsePlayList(pUrl);     // CALL_OPEN_PLAY_LIST_ITEM with a playlist,
+                                                                       // OPEN_PLAYLIST_ITEM with the stream itself,
+                                                                       // FAILED_TO_OPEN_CONNECTION
+    case CALL_OPEN_PLAY_LIST_ITEM: return stepCallOpenPlayListItem();  // OPEN_PLAYLIST_ITEM, FAILED_TO_OPEN_CONNECTION
+    // the other half's
     case FAILED_TO_OPEN_PLAYLIST_ITEM:
     case FAILED_TO_OPEN_CONNECTION:
     case NOT_READY:
@@ -221,7 +223,8 @@ streamStatus CMp3ShoutcastPlay::openTopUrl(std::string pUrl)
     case PARSE_PLAYLIST_ITEM_HEADERS:
     case GET_PORT_PARAMS:
     case PARSE_PORT_PARAMS:
-    case SHOUTCAST_ITEM_READY:          return STREAM_OK;
+    case SHOUTCAST_ITEM_READY:
+        return STREAM_OK;
     }
     // clang-format on
     return STREAM_OK;
@@ -434,19 +437,17 @@ streamStatus CMp3ShoutcastPlay::connectShoutcast(std::string pUrl)
     AUDIO_TRACE_CALL();
     // clang-format off
     switch (connectState) {
-    //   state                          step                                     goes to
-    case OPEN_PLAYLIST_ITEM:            return stepOpenPlaylistItem(pUrl);       // CONNECTING_PLAYLIST_ITEM; FAILED_TO_OPEN_CONNECTION
-    case CONNECTING_PLAYLIST_ITEM:      return stepConnectingPlaylistItem(pUrl); // stays while in progress; INITIALIZE_MPG123;
-                                                                                 // FAILED_TO_OPEN_CONNECTION
-    case INITIALIZE_MPG123:             return stepInitializeMpg123();           // REQUEST_PLAYLIST_ITEM_HEADERS; FAILED_TO_OPEN_CONNECTION
+    //   state                          step                                     goes to, or stays; or fails:
+    case OPEN_PLAYLIST_ITEM:            return stepOpenPlaylistItem(pUrl);       // CONNECTING_PLAYLIST_ITEM; fails
+    case CONNECTING_PLAYLIST_ITEM:      return stepConnectingPlaylistItem(pUrl); // INITIALIZE_MPG123; fails
+    case INITIALIZE_MPG123:             return stepInitializeMpg123();           // REQUEST_PLAYLIST_ITEM_HEADERS; fails
     case REQUEST_PLAYLIST_ITEM_HEADERS: return stepRequestPlaylistItemHeaders(); // READ_PLAYLIST_ITEM_HEADERS
-    case READ_PLAYLIST_ITEM_HEADERS:    return stepReadPlaylistItemHeaders();    // stays below 4096 bytes; PARSE_PLAYLIST_ITEM_HEADERS;
-                                                                                 // FAILED_TO_OPEN_CONNECTION
-    case PARSE_PLAYLIST_ITEM_HEADERS:   return stepParsePlaylistItemHeaders();   // GET_PORT_PARAMS; FAILED_TO_OPEN_PLAYLIST_ITEM
-    case GET_PORT_PARAMS:               return stepGetPortParams();              // stays until the format is known; PARSE_PORT_PARAMS;
-                                                                                 // FAILED_TO_OPEN_CONNECTION
-    case PARSE_PORT_PARAMS:             return stepParsePortParams();            // SHOUTCAST_ITEM_READY; stays on a strange encoding;
-                                                                                 // FAILED_TO_OPEN_CONNECTION
+    case READ_PLAYLIST_ITEM_HEADERS:    return stepReadPlaylistItemHeaders();    // PARSE_PLAYLIST_ITEM_HEADERS; fails
+    case PARSE_PLAYLIST_ITEM_HEADERS:   return stepParsePlaylistItemHeaders();   // GET_PORT_PARAMS,
+                                                                                 // FAILED_TO_OPEN_PLAYLIST_ITEM
+    case GET_PORT_PARAMS:               return stepGetPortParams();              // PARSE_PORT_PARAMS; fails
+    case PARSE_PORT_PARAMS:             return stepParsePortParams();            // SHOUTCAST_ITEM_READY; fails
+    // fails: FAILED_TO_OPEN_CONNECTION. The other half's states, and the end:
     case FAILED_TO_OPEN_PLAYLIST_ITEM:
     case FAILED_TO_OPEN_CONNECTION:
     case NOT_READY:
@@ -456,7 +457,8 @@ streamStatus CMp3ShoutcastPlay::connectShoutcast(std::string pUrl)
     case READ_PLAYLIST:
     case PARSE_PLAY_LIST:
     case CALL_OPEN_PLAY_LIST_ITEM:
-    case SHOUTCAST_ITEM_READY:          return STREAM_OK;
+    case SHOUTCAST_ITEM_READY:
+        return STREAM_OK;
     }
     // clang-format on
     return STREAM_OK;
