@@ -5,6 +5,7 @@ import pytest
 from daemonHarness import Daemon
 from station import Station
 from stationCard import StationCard
+from streamOnAir import OnAir
 
 
 @pytest.fixture
@@ -20,3 +21,17 @@ def station(tmp_path):
     card = StationCard(tmp_path)
     with Daemon(tmp_path, env=card.environment) as made:
         yield Station(made, card)
+
+
+@pytest.fixture
+def on_air(station):
+    """Makes the OnAir of its arguments; the server ends with the test."""
+    made = []
+
+    def start(*entries, **options):
+        made.append(OnAir(station, *entries, **options))
+        return made[-1]
+
+    yield start
+    for each in made:
+        each.server.close()

@@ -25,6 +25,7 @@ import base64
 import os
 import pathlib
 import re
+import select
 import shutil
 import socket
 import subprocess
@@ -250,10 +251,8 @@ class Peer:
         if self._server.ending.is_set():
             raise Gone
         try:
-            if self._sock.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) == b"":
+            if select.select([self._sock], [], [], 0)[0] and not self._sock.recv(1, socket.MSG_PEEK):
                 raise Gone
-        except BlockingIOError:
-            pass
         except OSError:
             raise Gone from None
 
@@ -430,17 +429,30 @@ class Icecast(RealServer):
         config = self.directory / "icecast.xml"
         config.write_text(_ICECAST.format(port=port, burst=burst, burst_on=int(burst > 0), directory=self.directory))
         shutil.chown(self.directory, "nobody", "nogroup")
-        self._sources = []
+        self._sources = {}
         self.start(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--", "icecast2", "-c", config])
 
     def source(self, mount, audio, ppm=0.0, real_time=False):
         """A studio's encoder on this mount point; answers when the server has taken it."""
-        made = IcecastSource(self.daemon, self.port, mount, audio, ppm, real_time)
-        self._sources.append(made)
-        return made
+        self._sources[mount] = IcecastSource(self.daemon, self.port, mount, audio, ppm, real_time)
+        return self._sources[mount]
+
+    def silence(self, mount):
+        """Switches the encoder of a mount point off, and answers when the server takes another one there."""
+        self._sources.pop(mount).close()
+        entry = f"<source mount=\"/{mount}\""
+        self.daemon.wait_until(lambda: entry not in self._statistics(), what=f"{mount} is free")
+
+    def _statistics(self):
+        with self.daemon.socket() as sock:
+            sock.settimeout(5)
+            sock.connect(("127.0.0.1", self.port))
+            password = base64.b64encode(b"admin:studio").decode()
+            sock.sendall(f"GET /admin/stats HTTP/1.0\r\nAuthorization: Basic {password}\r\n\r\n".encode())
+            return b"".join(iter(lambda: sock.recv(65536), b"")).decode()
 
     def close(self):
-        for source in self._sources:
+        for source in self._sources.values():
             source.close()
         super().close()
 
