@@ -6,7 +6,6 @@ import pathlib
 import sqlite3
 import subprocess
 
-import numpy as np
 import pytest
 
 from streamServers import (BAD_REQUEST, HEADER, ICY_HEADER, SHOUTCAST_REFUSAL, ScriptedServer, heard, http_answer, m3u, pls,
@@ -231,7 +230,6 @@ def send(data):
     return step
 
 
-NOISE = np.random.default_rng(5).integers(0, 255, 20000, dtype=np.uint8).tobytes()  # text keeps a decoder waiting
 REDIRECTION = b"HTTP/1.1 302 Found\r\nLocation: http://other.example/live\r\n\r\n"
 
 # what the server answers to the whole URL, the case
@@ -294,7 +292,7 @@ REFUSALS = {
     "entry that says little": (BAD_REQUEST, b"HTTP/1.0 404 Not Found\r\n\r\nnone", "direct",
                                'it answers "HTTP/1.0 404 Not Found") closes the connection before it has sent 4096 bytes'),
     "entry without an end of its header": (BAD_REQUEST, send(b"x" * 5000), "direct", "no end of a header"),
-    "entry that is no MP3": (BAD_REQUEST, send(HEADER + NOISE), "direct", "in which an MP3 decoder finds a frame"),
+    "entry that is no MP3": (BAD_REQUEST, send(HEADER + b"<html>" * 2000), "direct", "in which an MP3 decoder finds a frame"),
 }
 
 
@@ -302,7 +300,7 @@ REFUSALS = {
 def test_what_the_player_refuses_is_told_with_its_reason(daemon, case):
     first, entry, kind, words = REFUSALS[case]
     with server(daemon, first, entry):
-        result = ctl(daemon, "stream", "probe", URL + "live", "--json", expect=REFUSED)
+        result = ctl(daemon, "stream", "probe", URL + "live", "--json", "--timeout", 5, expect=REFUSED)
     found = json.loads(result.stdout)
     assert (found["plays"], found["case"]) == (False, kind)
     assert words in found["reason"]
@@ -372,9 +370,8 @@ def live(station, url):
 @pytest.mark.parametrize("first, entry, header", [
     (BAD_REQUEST, "audio", HEADER), (http_answer("audio/x-scpls", pls([URL + "a"])), "audio", HEADER),
     (http_answer("audio/mpeg", b"x" * 99), None, None), (BAD_REQUEST, close, None),
-    (BAD_REQUEST, send(HEADER + NOISE), None), (BAD_REQUEST, "audio", padded(HEADER, 2043)),
-    (BAD_REQUEST, "audio", padded(HEADER, 2044)),
-], ids=["direct", "pls", "type", "closes", "no MP3", "2043 bytes", "2044 bytes"])
+    (BAD_REQUEST, "audio", padded(HEADER, 2043)), (BAD_REQUEST, "audio", padded(HEADER, 2044)),
+], ids=["direct", "pls", "type", "closes", "2043 bytes", "2044 bytes"])
 def test_the_player_does_what_the_probe_has_said(station, audio, first, entry, header):
     station.boot()
     with server(station.daemon, first, streaming(audio, header) if entry == "audio" else entry):
