@@ -1,3 +1,8 @@
+/**
+ * The mixer: inputs are pulled into the ring on the thread that owns the player, the output is read on the playback
+ * thread. Everything between the two goes through bufferMutex.
+ */
+
 #include "audioLibrary/mixerBlock.h"
 
 #include "audioLibrary/mixerCopy.h"
@@ -67,6 +72,7 @@ CMixer::~CMixer()
 
 runTimeId CMixer::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MIXER_FIFO;
 }
 
@@ -317,6 +323,7 @@ void CMixer::addWithinRing(size_t offsetBytes, int ringSampleBytes, int inputSam
 void CMixer::copyAndAdd(int upstreamSampleBytes, int downstreamSampleBytes, int numToCopy, char* dst, char* src,
                         unsigned int nSamples)
 {
+    AUDIO_TRACE_CALL();
     switch (mixerCopyAndAdd(upstreamSampleBytes, downstreamSampleBytes, numToCopy, dst, src, nSamples)) {
     case MIXER_COPY_DONE:
         break;
@@ -392,6 +399,7 @@ void CMixer::publishDemand(float agression, const CServiceTime& now, CServiceTim
 
 void CMixer::graphBuffer()
 {
+    AUDIO_TRACE_CALL();
     osaLockGuard lock(bufferMutex);
     printGraph();
 }
@@ -499,6 +507,7 @@ CMixerDSP::~CMixerDSP()
 
 runTimeId CMixerDSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MIXER_FIFO_DSP;
 }
 
@@ -715,6 +724,7 @@ CMixerUSP::~CMixerUSP()
 
 runTimeId CMixerUSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MIXER_FIFO_USP;
 }
 
@@ -753,6 +763,7 @@ streamStatus CMixerUSP::reconfigPortApply(audioPortParam_t* newParams)
 
 streamStatus CMixerUSP::connectDownstream(CDownstreamPort* port, mutexObject* mutex)
 {
+    AUDIO_TRACE_CALL();
     return CUpstreamPort::connectDownstream(port, mutex);
 }
 

@@ -1,3 +1,7 @@
+/**
+ * The sample loops: plain buffers in and out, on any thread.
+ */
+
 #include "audioLibrary/mixerCopy.h"
 
 #include <algorithm>

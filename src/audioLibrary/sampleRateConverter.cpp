@@ -1,3 +1,7 @@
+/**
+ * The converter block: whole periods in and out around the converter core, all on the thread that services the blocks.
+ */
+
 #include "audioLibrary/sampleRateConverter.h"
 
 #include <algorithm>
@@ -58,6 +62,7 @@ CSampleRateConverter::~CSampleRateConverter()
 
 runTimeId CSampleRateConverter::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return SAMPLE_RATE_CONVERTER;
 }
 
@@ -417,6 +422,7 @@ CSampleRateConverterUSP::~CSampleRateConverterUSP()
 
 runTimeId CSampleRateConverterUSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return SAMPLE_RATE_CONVERTER_USP;
 }
 
@@ -498,6 +504,7 @@ CSampleRateConverterDSP::~CSampleRateConverterDSP()
 
 runTimeId CSampleRateConverterDSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return SAMPLE_RATE_CONVERTER_DSP;
 }
 

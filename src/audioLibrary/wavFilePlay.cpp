@@ -1,3 +1,7 @@
+/**
+ * The WAV source: opened and walked through to its audio on the thread that owns the player, read on the reader's.
+ */
+
 #include "audioLibrary/wavFilePlay.h"
 
 #include <algorithm>
@@ -128,6 +132,7 @@ bool markIfIncompatible(paramStatus_e ownStatus, Value ownValue, paramStatus_e& 
 
 CWavFilePlayUSP::CWavFilePlayUSP(CWavFilePlay* parent) : CUpstreamPort(parent)
 {
+    AUDIO_TRACE_CALL();
     resetParams.nominalSampleRateStatus = VARIABLE;
     resetParams.nominalSampleRate = 44100.0F;
     resetParams.numChannelsStatus = VARIABLE;
@@ -143,10 +148,14 @@ CWavFilePlayUSP::CWavFilePlayUSP(CWavFilePlay* parent) : CUpstreamPort(parent)
     resetPortParams();
 }
 
-CWavFilePlayUSP::~CWavFilePlayUSP() = default;
+CWavFilePlayUSP::~CWavFilePlayUSP()
+{
+    AUDIO_TRACE_CALL();
+}
 
 runTimeId CWavFilePlayUSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return WAV_FILE_PLAY_USP;
 }
 
@@ -221,6 +230,7 @@ streamStatus CWavFilePlayUSP::ackReadPeriods(unsigned int nPeriods)
 
 CWavFilePlay::CWavFilePlay(std::string name) : CAudioFilePlay(std::move(name))
 {
+    AUDIO_TRACE_CALL();
     upstream.push_back(new CWavFilePlayUSP(this));
 }
 
@@ -233,6 +243,7 @@ CWavFilePlay::~CWavFilePlay()
 
 runTimeId CWavFilePlay::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return WAV_FILE_PLAY;
 }
 

@@ -1259,6 +1259,53 @@ TEST_F(MixerNegotiation, AChangedOutputIsRefusedWhileAnInputIsConnected)
 
 // ---- Status ----
 
+TEST_F(MixerStatus, CallsAreTracedAtLevelNine)
+{
+    Trace trace(9);
+    connectOutput();
+    addSource();
+    service();
+    mixer.init();
+    mixer.getRunTimeId();
+    mixer.graphBuffer();
+    mixer.printBlockStatus();
+    offered();
+    output().ackReadPeriods(0);
+    output().getRunTimeId();
+    input(0).getRunTimeId();
+    input(0).muteAudio();
+    input(0).stopAudio();
+    input(0).disconnect();
+    const std::string text = trace.stop();
+    for (const char* function : {"CMixer::getRunTimeId()",
+                                 "CMixer::init()",
+                                 "CMixer::myInit()",
+                                 "CMixer::getNextDownstreamPort()",
+                                 "CMixer::reconfigBlockCheck(",
+                                 "CMixer::service(",
+                                 "CMixer::copyAndAdd(",
+                                 "CMixer::graphBuffer()",
+                                 "CMixer::printBlockStatus()",
+                                 "CMixerDSP::CMixerDSP(",
+                                 "CMixerDSP::getRunTimeId()",
+                                 "CMixerDSP::printPortStatus()",
+                                 "CMixerDSP::reconfigPortCheck(",
+                                 "CMixerDSP::reconfigPortApply(",
+                                 "CMixerDSP::connectUpstream(",
+                                 "CMixerDSP::startAudio()",
+                                 "CMixerDSP::stopAudio()",
+                                 "CMixerDSP::muteAudio()",
+                                 "CMixerDSP::disconnect()",
+                                 "CMixerUSP::getRunTimeId()",
+                                 "CMixerUSP::connectDownstream(",
+                                 "CMixerUSP::reconfigPortCheck(",
+                                 "CMixerUSP::reconfigPortApply(",
+                                 "CMixerUSP::reqReadPeriods(",
+                                 "CMixerUSP::ackReadPeriods("}) {
+        EXPECT_NE(text.find(std::string("audioLibrarySpace::") + function), std::string::npos) << function;
+    }
+}
+
 TEST_F(MixerStatus, GraphShowsTheFillIn80Columns)
 {
     connectOutput();

@@ -889,3 +889,51 @@ TEST_F(ConverterNegotiation, StatusEndsWithTheRatio)
     out().params.trueSampleRate = 44100.0F;
     EXPECT_TRUE(converter->printBlockStatus().ends_with("Ratio: 1.000000\n"));
 }
+
+// ---- The call trace ----
+
+TEST_F(Converter, CallsAreTracedAtLevelNine)
+{
+    Trace trace(9);
+    configure();
+    service();
+    converter->getRunTimeId();
+    out().getRunTimeId();
+    in().getRunTimeId();
+    audioPortParam_t same = in().params; // a connection with another rate applies nothing to the input
+    in().reconfigPortApply(&same);
+    converter->printBlockStatus();
+    converter->setRates(44100, 48000);
+    char* lent = nullptr;
+    unsigned int nPeriods = 0;
+    out().reqReadPeriods(lent, nPeriods);
+    out().ackReadPeriods(nPeriods);
+    in().disconnect();
+    out().disconnect();
+    converter.reset();
+    const std::string text = trace.stop();
+    for (const char* function : {"CSampleRateConverter::getRunTimeId()",
+                                 "CSampleRateConverter::init()",
+                                 "CSampleRateConverter::myInit()",
+                                 "CSampleRateConverter::reconfigBlockCheck(",
+                                 "CSampleRateConverter::service(",
+                                 "CSampleRateConverter::serviceBuffers()",
+                                 "CSampleRateConverter::setRates(",
+                                 "CSampleRateConverter::populateFilterCoeff(",
+                                 "CSampleRateConverter::printBlockStatus()",
+                                 "CSampleRateConverter::~CSampleRateConverter()",
+                                 "CSampleRateConverterUSP::getRunTimeId()",
+                                 "CSampleRateConverterUSP::reconfigPortCheck(",
+                                 "CSampleRateConverterUSP::reconfigPortApply(",
+                                 "CSampleRateConverterUSP::reqReadPeriods(",
+                                 "CSampleRateConverterUSP::ackReadPeriods(",
+                                 "CSampleRateConverterUSP::disconnect()",
+                                 "CSampleRateConverterUSP::~CSampleRateConverterUSP()",
+                                 "CSampleRateConverterDSP::getRunTimeId()",
+                                 "CSampleRateConverterDSP::reconfigPortCheck(",
+                                 "CSampleRateConverterDSP::reconfigPortApply(",
+                                 "CSampleRateConverterDSP::disconnect()",
+                                 "CSampleRateConverterDSP::~CSampleRateConverterDSP()"}) {
+        EXPECT_NE(text.find(std::string("audioLibrarySpace::") + function), std::string::npos) << function;
+    }
+}

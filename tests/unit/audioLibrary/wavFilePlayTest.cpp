@@ -1068,4 +1068,37 @@ TEST_F(WavFile, TimeLeftWithoutAFileIsZero)
     EXPECT_EQ(wav.timeLeft(), 0);
 }
 
+// ---- the call trace
+
+TEST_F(WavFile, CallsAreTracedAtLevelNine)
+{
+    ReaderBlock reader(4);
+    const std::string name = storeAudio(counting(64));
+    const std::vector<std::string> lines = traced(9, [&] {
+        OpenWav wav;
+        wav.getRunTimeId();
+        wav.port().getRunTimeId();
+        (void)wav.setNewFile(name);
+        (void)wav.port().connectDownstream(reader.port(), nullptr);
+        CServiceTime next;
+        (void)wav.service(next);
+        (void)wav.read();
+        (void)wav.timeLeft();
+        (void)wav.rewindFile();
+        wav.setRewindAtEndOfFile(true);
+        (void)wav.port().disconnect();
+        wav.closeFile();
+    });
+    for (const char* function :
+         {"CWavFilePlay::CWavFilePlay(", "CWavFilePlayUSP::CWavFilePlayUSP(", "CWavFilePlay::getRunTimeId()",
+          "CWavFilePlayUSP::getRunTimeId()", "CWavFilePlay::setNewFile(", "CWavFilePlay::openFile()",
+          "CWavFilePlayUSP::connectDownstream(", "CWavFilePlayUSP::reconfigPortCheck(",
+          "CWavFilePlayUSP::reconfigPortApply(", "CWavFilePlay::allocateWorkBuffer()", "CWavFilePlay::service(",
+          "CWavFilePlayUSP::reqReadPeriods(", "CWavFilePlayUSP::ackReadPeriods(", "CWavFilePlay::timeLeft()",
+          "CWavFilePlay::rewindFile()", "CWavFilePlay::setRewindAtEndOfFile(", "CWavFilePlay::closeFile()",
+          "CWavFilePlay::~CWavFilePlay()", "CWavFilePlayUSP::~CWavFilePlayUSP()"}) {
+        EXPECT_THAT(lines, Contains(AllOf(StartsWith("9 "), HasSubstr(function))));
+    }
+}
+
 } // namespace
