@@ -33,7 +33,7 @@ public:
     int getCalculatedAvgRate();
 
 protected:
-    fileStatus_e fileStatus = FILE_NONE; ///< each concrete source gives it its first value
+    fileStatus_e fileStatus = FILE_NONE; ///< none until a source that has a file or stream says otherwise
 };
 
 class CAudioFilePlay : public CAudioPlay

@@ -3,7 +3,7 @@
 
 /**
  * The forms in which the inner work of the converter exists, one for each instruction set. All give the same bits: the
- * outputs and every public field of the record. bench/asrcExact proves it against a literal transcription.
+ * outputs and every public field of the record. bench/prove_asrc compares them with a literal form.
  */
 
 #include "audioLibrary/asyncSampleRateConverter/asrcObject.h"
