@@ -9,12 +9,6 @@ AudioPlayer::AudioPlayer()
 
 AudioPlayer::~AudioPlayer() = default;
 
-int AudioPlayer::getAvgSampleRate() const
-{
-    CAudioPlay* block = getPlayerBlock();
-    return block == nullptr ? 0 : block->getCalculatedAvgRate();
-}
-
 streamStatus AudioPlayer::serviceAudioBlock(CAudioBlock* block)
 {
     CServiceTime next;

@@ -44,7 +44,11 @@ public:
     PlayerStatus getStatus() const { return status; }
     bool isStarted() const { return status == PLAYER_STARTED; }
     /** Average rate of the source block in millihertz, whole hertz times 1000; 0 without a source block. */
-    int getAvgSampleRate() const;
+    int getAvgSampleRate() const
+    {
+        audioLibrarySpace::CAudioPlay* block = getPlayerBlock();
+        return block == nullptr ? 0 : block->getCalculatedAvgRate();
+    }
 
 protected:
     /** The source block on air, or null. Not owned by the caller. */
