@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+/** Answer of every operation of this layer: 0 is success, the others are negative. */
 enum osaStatus_e : int32_t {
     OSA_OK = 0,
     OSA_ERROR = -1,
@@ -62,17 +63,36 @@ struct semaphoreObject {
 extern unsigned int osa_trace_level;
 extern unsigned int* tl;
 
-/** Starts a joinable thread on threadFn(threadPtr) with default attributes. Fill both fields first. */
+/**
+ * Starts a joinable thread on threadFn(threadPtr) with default attributes: it inherits the scheduling of its creator.
+ * Fill both fields first.
+ *
+ * @return OSA_OK; OSA_EINVAL for null and for an object without threadFn; OSA_NO_RESOURCE when all 64 slots are taken;
+ *         OSA_NO_MEM; OSA_THREAD_ERROR, though the system's positive error codes go unseen: such an object counts as
+ *         running and is released without a join
+ */
 osaStatus osaCreateThread(threadObject* thread);
 /** Joins the thread if it ever ran and frees its slot. The owner must have told it to stop. Always OSA_OK. */
 osaStatus osaExitThread(threadObject* thread);
 
+/**
+ * Makes a mutex with default attributes. The owner keeps the object at its place until it is released.
+ *
+ * @return OSA_OK; OSA_EINVAL for null; OSA_NO_RESOURCE when all 64 slots are taken; OSA_NO_MEM; OSA_MUTEX_ERROR, though
+ *         the system's positive error codes go unseen. Only an object that was created may be locked.
+ */
 osaStatus osaCreateMutex(mutexObject* mutex);
 osaStatus osaReleaseMutex(mutexObject* mutex); ///< always OSA_OK; nothing happens on a free slot
 osaStatus osaLock(mutexObject* mutex);         ///< always OSA_OK; real-time safe as far as its holders are
 osaStatus osaTryLock(mutexObject* mutex);      ///< OSA_OK or OSA_MUTEX_NOT_AVAILABLE
 osaStatus osaUnlock(mutexObject* mutex);       ///< always OSA_OK; real-time safe
 
+/**
+ * Makes a semaphore of this process that counts from `value`.
+ *
+ * @return OSA_OK; OSA_EINVAL for null; OSA_NO_RESOURCE when all 64 slots are taken; OSA_NO_MEM; OSA_SEMAPHORE_ERROR when
+ *         the system refuses the count
+ */
 osaStatus osaCreateSemaphore(semaphoreObject* semaphore, unsigned int value);
 osaStatus osaReleaseSemaphore(semaphoreObject* semaphore); ///< always OSA_OK
 osaStatus osaWaitSemaphore(semaphoreObject* semaphore);    ///< always OSA_OK, also after a signal cut the wait short
