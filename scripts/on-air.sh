@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Puts AudioPlayer on air with one command, with or without a sound card.
 #
-#   scripts/on-air.sh [--virtual] [--seconds N] [--record FILE.wav] [--port N] [FILE|DIR]...
+#   scripts/on-air.sh [--virtual] [--seconds N] [--record FILE.wav] [--port N] [FILE|DIR... | --stream URL | --livewire N]
 #
 #   FILE|DIR        what to play, WAV and MP3 files; without any, demo material is synthesised
+#   --stream URL    play an internet stream: http://... of its playlist or of itself
+#   --livewire N    play Livewire destination N; where there is no Axia driver, a virtual card hears a tone, or FILE
 #   --virtual       use the virtual card even where there is a sound card
 #   --seconds N     stop after N seconds on air; without it, Ctrl-C stops
 #   --record FILE   where the recording goes (virtual card only)
@@ -14,15 +16,20 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
-usage() { sed -n '2,14s/^# \{0,1\}//p' "$root/scripts/on-air.sh"; }
+usage() { sed -n '2,16s/^# \{0,1\}//p' "$root/scripts/on-air.sh"; }
 
-virtual=auto seconds=0 record='' port=7004 sources=()
+virtual=auto seconds=0 record='' port=7004 sources=() stream='' livewire=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --virtual) virtual=yes ;;
     --seconds) seconds=${2:?--seconds needs a number}; shift ;;
     --record) record=${2:?--record needs a file}; shift ;;
     --port) port=${2:?--port needs a number}; shift ;;
+    --stream) stream=${2:?--stream needs a URL}; shift ;;
+    --livewire)
+      livewire=${2:?--livewire needs a number}
+      shift
+      [[ $livewire =~ ^[1-9][0-9]{0,4}$ ]] || { echo "--livewire needs a number from 1" >&2; exit 2; } ;;
     -h | --help) usage; exit 0 ;;
     -*) usage >&2; exit 2 ;;
     *) [ -e "$1" ] || { echo "There is no $1" >&2; exit 2; }
@@ -30,6 +37,10 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
+if [ -n "$stream" ] && { [ "$livewire" != 0 ] || [ ${#sources[@]} -gt 0 ]; }; then
+  echo "--stream plays a stream and nothing else." >&2
+  exit 2
+fi
 [ -z "$record" ] || record=$(realpath -m "$record")
 
 "$root/scripts/install-dependencies.sh" run
@@ -47,15 +58,24 @@ database=$station/audioplayerdatabase/audioDatabase.db
 log=$station/daemon.log
 
 # --- the library ---
-if [ ${#sources[@]} -eq 0 ]; then
-  echo "Synthesising demo material..."
-  "$root/scripts/make-demo-material.sh" "$station/demo" >/dev/null
-  sources=("$station/demo")
+started='StreamPlayer::start$' # what the daemon logs once the source is on air
+if [ -n "$stream" ]; then
+  "$ctl" stream probe "$stream" || exit 1
+  "$ctl" --db "$database" stream add "On air" "$stream" >/dev/null 2>&1
+elif [ "$livewire" != 0 ]; then
+  "$ctl" --db "$database" stream add "On air" --livewire "$livewire" >/dev/null 2>&1
+else
+  started='Active chain started$'
+  if [ ${#sources[@]} -eq 0 ]; then
+    echo "Synthesising demo material..."
+    "$root/scripts/make-demo-material.sh" "$station/demo" >/dev/null
+    sources=("$station/demo")
+  fi
+  files=()
+  while IFS= read -r -d '' file; do files+=("$file"); done < <(find "${sources[@]}" -type f \( -iname '*.wav' -o -iname '*.mp3' \) -print0 | sort -z)
+  [ ${#files[@]} -gt 0 ] || { echo "No WAV or MP3 files among: ${sources[*]}" >&2; exit 1; }
+  "$ctl" --db "$database" upload "On air" "${files[@]}"
 fi
-files=()
-while IFS= read -r -d '' file; do files+=("$file"); done < <(find "${sources[@]}" -type f \( -iname '*.wav' -o -iname '*.mp3' \) -print0 | sort -z)
-[ ${#files[@]} -gt 0 ] || { echo "No WAV or MP3 files among: ${sources[*]}" >&2; exit 1; }
-"$ctl" --db "$database" upload "On air" "${files[@]}"
 
 # --- the card ---
 if [ "$virtual" = auto ]; then
@@ -64,10 +84,19 @@ if [ "$virtual" = auto ]; then
 fi
 launcher=()
 card_run=''
+if [ "$livewire" != 0 ] && [ "$virtual" = no ] && ! grep -qs Axia /proc/asound/cards; then
+  echo "There is no Axia driver here: the virtual cards are used."
+  virtual=yes
+fi
 if [ "$virtual" = yes ]; then
   record=${record:-$station/on-air.wav}
   if [ -w /dev/shm ]; then card_run=$(mktemp -d /dev/shm/audioplayer-card.XXXXXX); else card_run=$station/card; fi
   launcher=("$root/scripts/with-virtual-card.sh" -d "$card_run" -b "$build")
+  if [ "$livewire" != 0 ]; then
+    [ "$livewire" -le 8 ] || export VCARD_AXIA_CARDS=$livewire
+    mkdir -p "$card_run/source"
+    [ ${#sources[@]} -eq 0 ] || cp "${sources[0]}" "$card_run/source/Axia-$((livewire - 1)).wav"
+  fi
   echo "Playing to the virtual sound card, which records."
 elif [ -n "$record" ]; then
   echo "A real card can't be recorded from here: --record needs --virtual." >&2
@@ -81,7 +110,7 @@ finish() {
   echo
   if [ "$daemon" != 0 ]; then
     "$ctl" --port "$port" stop >/dev/null 2>&1 || true
-    wait_for 2 grep -q 'FilePlayer destructor' "$log" || true
+    wait_for 2 grep -q 'Stopping ALSA Device' "$station/daemon.out" || true
     kill "$daemon" 2>/dev/null || true
     wait "$daemon" 2>/dev/null || true
   fi
@@ -126,8 +155,8 @@ setsid "${launcher[@]}" "$build/src/AudioPlayer" -p "$port" </dev/null >"$statio
 daemon=$!
 cd "$root"
 wait_for 10 control_port_open || { echo "The daemon did not come up:" >&2; cat "$log" >&2; exit 1; }
-"$ctl" --db "$database" --port "$port" play "On air" >/dev/null
-wait_for 10 grep -q 'Active chain started' "$log" || { echo "Nothing went on air:" >&2; cat "$log" >&2; exit 1; }
+"$ctl" --db "$database" --port "$port" start "On air" >/dev/null 2>&1
+wait_for 30 grep -q "$started" "$log" || { echo "Nothing went on air:" >&2; cat "$log" >&2; exit 1; }
 echo "On air since $(date +%T).$([ "$seconds" != 0 ] || echo ' Ctrl-C stops.')"
 
 show_card() {
@@ -142,7 +171,7 @@ show_card() {
 if [ -t 1 ]; then clear=$'\r\033[K' end=''; else clear='' end=$'\n'; fi
 began=$SECONDS playing=''
 while daemon_alive && { [ "$seconds" = 0 ] || [ $((SECONDS - began)) -lt "$seconds" ]; }; do
-  now=$(grep -aoP 'WavFilePlayer: \K.*|Mp3FilePlayer: \K.*' "$log" | tail -n 1)
+  now=$(grep -aoP 'WavFilePlayer: \K.*|Mp3FilePlayer: \K.*' "$log" | tail -n 1 || true)
   if [ "$now" != "$playing" ]; then
     playing=$now
     printf '%sNext into the ring: %s\n' "$clear" "$playing"
