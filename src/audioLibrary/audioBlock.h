@@ -32,19 +32,19 @@ public:
     CAudioBlock(const CAudioBlock&) = delete;
     CAudioBlock& operator=(const CAudioBlock&) = delete;
 
-    virtual runTimeId getRunTimeId();
-    virtual streamStatus init(); ///< sets isInitialized
+    virtual runTimeId getRunTimeId(); ///< of the concrete class; INVALID_ID in the base
+    virtual streamStatus init();      ///< sets isInitialized
     /** The first unconnected input, or null. A block may make one on demand. */
     virtual CDownstreamPort* getNextDownstreamPort();
     /** Merges `newParams` into `paramsToCheck` by the ports' rule, without any words: a port's reach across its block. */
     virtual streamStatus reconfigBlockCheck(audioPortParam_t& paramsToCheck, audioPortParam_t newParams);
-    virtual streamStatus reconfigBlockApply(audioPortParam_t newParams);
+    virtual streamStatus reconfigBlockApply(audioPortParam_t newParams); ///< does nothing: STREAM_OK. Called by nobody
     /**
      * Does what is due now and says in `nextService` when the block wants to run next; never, in the base.
      * A status other than STREAM_OK fails the player.
      */
     virtual streamStatus service(CServiceTime& nextService);
-    virtual std::string printBlockStatus();
+    virtual std::string printBlockStatus(); ///< name, kinds of ports and the status of each port, several lines
 
     unsigned int numUpstreamPorts() const { return static_cast<unsigned int>(upstream.size()); }
     unsigned int numDownstreamPorts() const { return static_cast<unsigned int>(downstream.size()); }

@@ -54,16 +54,16 @@ public:
     streamStatus connectChain();
     streamStatus disconnectChain(); ///< always STREAM_OK
     streamStatus startAudio();      ///< each joined port, in the direction of the audio; STREAM_ERROR if unconnected
-    streamStatus stopAudio();
-    streamStatus pauseAudio();
-    streamStatus muteAudio();
-    std::string getPlaybackState();
+    streamStatus stopAudio();       ///< the same, to AUDIO_STOPPED
+    streamStatus pauseAudio();      ///< the same, to AUDIO_PAUSED; the ports are then stopped ones
+    streamStatus muteAudio();       ///< the same, to AUDIO_MUTED
+    std::string getPlaybackState(); ///< the status text of the state, without a line end
     unsigned int numAudioBlocks() const { return static_cast<unsigned int>(chain.size()); }
     bool isChainConnected() const { return chainConnected; }
-    std::string printChainStatus();
+    std::string printChainStatus(); ///< the chain on one line, then a line for each block
 
-    static void deleteAllChains();
-    static std::string printAllChains();
+    static void deleteAllChains();                        ///< from the front; deletes no block
+    static std::string printAllChains();                  ///< "(%2d) " and the status of each
     static CAudioChain* returnAudioChain(unsigned int n); ///< the n-th from 0, or null
 
 protected:

@@ -44,7 +44,7 @@ public:
     CAudioPort(const CAudioPort&) = delete;
     CAudioPort& operator=(const CAudioPort&) = delete;
 
-    virtual runTimeId getRunTimeId();
+    virtual runTimeId getRunTimeId(); ///< of the concrete class; INVALID_ID in the bases
     /** Whether `port` could live with this port's live parameters. A real check: it may change `port`'s record. */
     virtual bool isCompatibleWith(CAudioPort* port);
     /** The status text of this port, several lines. */
@@ -59,6 +59,10 @@ public:
     virtual streamStatus reconfigPortApply(audioPortParam_t* newParams);
     /** Copies the parameters to `out`; STREAM_ERROR for a null `out`. */
     virtual streamStatus returnPortParams(audioPortParam_t* out);
+    /**
+     * Takes down both ends: both peers are null, both ports stopped and at their reset parameters. A free output is reset
+     * all the same, a free input is left as it is. STREAM_OK, always; STREAM_ERROR in the base, which has no peer.
+     */
     virtual streamStatus disconnect();
     /** Null: whether connected at all. Otherwise: whether connected to just this port. */
     virtual bool isConnected(CAudioPort* port);
@@ -70,11 +74,11 @@ public:
     CAudioBlock* getParentBlock() { return parentBlock; } ///< the owner of this port
     /** Counts periods and updates avgRate, a leaky average. One clock read, no allocation; real-time safe. */
     void incPeriodCount(unsigned int nPeriods);
-    unsigned int getSampleBytes(); ///< bytes of one sample
-    unsigned int getSampleBits();  ///< bits of one sample
-    unsigned int getPeriodBytes(); ///< bytes of one period
-    std::string getSampleFormatString();
-    std::string getPlaybackState();
+    unsigned int getSampleBytes();       ///< bytes of one sample
+    unsigned int getSampleBits();        ///< bits of one sample
+    unsigned int getPeriodBytes();       ///< bytes of one period
+    std::string getSampleFormatString(); ///< the status text of the sample format
+    std::string getPlaybackState();      ///< the status text of the state, with its own line end
     /** Adds to the period count without measuring a rate, as a reader does on its own side. */
     void addPeriods(unsigned int nPeriods);
     int32_t getPeriodCount() const { return periodCounter.load(std::memory_order_relaxed); }
