@@ -50,13 +50,13 @@ bool hasConversion(const char* format)
 }
 
 /**
- * What "%u" makes of a number where `long` is 32 bits wide, from a scan in 64: a minus sign wraps around, what is too
- * large becomes the largest.
+ * What "%u" makes of a number where `long` is 32 bits wide, from a signed scan in 64: a minus sign wraps around, what
+ * has too many digits becomes the largest, whatever its sign.
  */
-uint32_t unsigned32(uint64_t scanned)
+uint32_t unsigned32(int64_t scanned)
 {
-    const bool wasNegative = scanned > UINT64_MAX - UINT32_MAX;
-    return scanned > UINT32_MAX && !wasNegative ? UINT32_MAX : static_cast<uint32_t>(scanned);
+    constexpr int64_t most = UINT32_MAX;
+    return scanned < -most || scanned > most ? UINT32_MAX : static_cast<uint32_t>(scanned);
 }
 
 /**
@@ -232,8 +232,8 @@ void console::runScriptOfLine()
 
 void console::startSleep()
 {
-    uint64_t scanned = 0;
-    if (sscanf(cline, "sleep %" SCNu64, &scanned) != 1) {
+    int64_t scanned = 0;
+    if (sscanf(cline, "sleep %" SCNd64, &scanned) != 1) {
         puts("Incorrect usage of sleep [n].");
         return;
     }

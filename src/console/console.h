@@ -13,8 +13,8 @@
  * gives whatever has been written to it, and a line's rest comes as the next line. An empty line repeats the last
  * command, a line that begins with "#" is a comment. docs/console.md is the user's view.
  *
- * Thread: audio manager, all of it; no lock. Nothing here waits but the opening and reading of a script. Standard
- * output is not flushed: the loop does that once a pass.
+ * Thread: audio manager, all of it; no lock. Nothing here waits but the opening and reading of a script, and a
+ * standard output whose reader has stopped. Standard output is not flushed: the loop does that once a pass.
  */
 class console
 {
@@ -38,7 +38,7 @@ public:
      * @param ptr      context, handed to the handler as its first argument; not owned
      * @param c        the command's word, copied; not null
      * @param h        its help text, copied; may be null
-     * @param handler  called with `ptr` and the whole line, newline included, lent for the call
+     * @param handler  called with `ptr` and the whole line, newline included, lent for the call; not null
      * @return 0
      */
     int addCmd(void* ptr, const char* c, const char* h, void (*handler)(const void*, const char*));
