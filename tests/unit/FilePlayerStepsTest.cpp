@@ -516,12 +516,17 @@ TEST_F(FilePlayerSteps, NextServiceIsHalfASecondAheadUnlessABlockWantsItEarlier)
 
     CServiceTime soon;
     soon.nextServiceTime.tv_sec = 1;
+    soon.immediateService = true;
+    soon.serviceRequired = true;
     script.wishes["MUX"] = soon;
     (void)service();
     EXPECT_TRUE(player->getNextServiceTime() == soon);
     script.wishes.clear();
     (void)service();
-    EXPECT_FALSE(player->getNextServiceTime() < half); // each pass begins anew
+    const CServiceTime anew = player->getNextServiceTime(); // nothing of the last pass is left
+    EXPECT_FALSE(anew < half);
+    EXPECT_FALSE(anew.immediateService);
+    EXPECT_FALSE(anew.serviceRequired);
 }
 
 TEST_F(FilePlayerSteps, BlockThatFailsInServiceFailsThePlayer)

@@ -520,6 +520,37 @@ TEST_F(StreamPlayerThatFails, ChainsGoWithThePlayer)
 
 // ---- start and stop
 
+/** A player that is given its chains by the test. */
+struct BarePlayer : StreamPlayer {
+    BarePlayer(CAudioChain* source, CAudioChain* stream) : StreamPlayer(1)
+    {
+        sourceChain = source;
+        playerChain = stream;
+        status = PLAYER_READY;
+    }
+};
+
+CAudioChain* connectedChain(const std::string& name)
+{
+    auto* chain = new CAudioChain(name);
+    EXPECT_EQ(chain->connectChain(), STREAM_OK);
+    return chain;
+}
+
+TEST_F(StreamPlayerTest, StartNeedsBothChainsAndLeavesTheStatusWithoutThem)
+{
+    for (const bool hasSource : {false, true}) {
+        quietly([&] {
+            player = std::make_unique<BarePlayer>(hasSource ? connectedChain("SOURCE_CHAIN") : nullptr,
+                                                  hasSource ? nullptr : connectedChain("PLAYER_CHAIN"));
+        });
+        EXPECT_EQ(start(), PLAYER_ERROR);
+        EXPECT_THAT(script.events, IsEmpty());
+        EXPECT_EQ(player->getStatus(), PLAYER_READY);
+        quietly([this] { player.reset(); });
+    }
+}
+
 TEST_F(StreamPlayerTest, StartStartsTheSourceChainThenThePlayerChain)
 {
     buildLivewire();
@@ -645,6 +676,20 @@ TEST_F(StreamPlayerTest, NextServiceIsTheEarliestWishAndHalfASecondAtMost)
     EXPECT_EQ(next.nextServiceTime.tv_sec, 1000);
     EXPECT_EQ(next.nextServiceTime.tv_nsec, 642000000);
     setClockSource(nullptr);
+}
+
+TEST_F(StreamPlayerTest, UrgencyOfTheLastServiceIsForgotten)
+{
+    buildLivewire();
+    (void)start();
+    for (bool CServiceTime::*flag : {&CServiceTime::immediateService, &CServiceTime::serviceRequired}) {
+        script.wishes["MUX"].*flag = true;
+        (void)service();
+        EXPECT_TRUE(player->getNextServiceTime().*flag);
+        script.wishes.clear();
+        (void)service();
+        EXPECT_FALSE(player->getNextServiceTime().*flag);
+    }
 }
 
 // ---- what it tells of itself
