@@ -1330,7 +1330,7 @@ TEST_F(StreamFormat, IsTakenOnByAFreePort)
         sampleFormat_e format;
     } rows[] = {{0x82, SAMPLE_S8BIT}, {0x8F, SAMPLE_S8BIT}, {0xD0, SAMPLE_S16BIT_LE}, {0xC0, SAMPLE_S16BIT_LE}};
     for (const auto& row : rows) {
-        of(32000, 1, row.encoding);
+        of(32000, 1, row.encoding).params().periodSizeStatus = FIXED;
         expectReady("(1) Stream parameters: 32000 Hz, 1 channels, " + std::to_string(row.encoding) + " encoding");
         audioPortParam_t wanted;
         wanted.nominalSampleRate = 32000.0F;
