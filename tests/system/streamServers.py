@@ -346,6 +346,7 @@ class Dropping:
         if "://" in peer.request:
             urls = [f"http://127.0.0.1:8000/{n}" for n in range(self.entries)]
             peer.send(http_answer("audio/x-mpegurl", m3u(urls)))
+            peer.hold()  # the player loses what it has not yet taken when a server closes
         else:
             peer.send(HEADER)
             peer.play(self.audio, self.seconds, ahead_seconds=0.6)

@@ -1,11 +1,13 @@
 """What the daemon on air makes of a stream that ends, that is refused, that sends garbage or changes its format."""
 
+import re
+
 import numpy as np
 import pytest
 
 from stationCard import CardPage
 from streamOnAir import URL, opened, stream
-from streamServers import SHOUTCAST_REFUSAL, heard, tone, tone_frequency
+from streamServers import SHOUTCAST_REFUSAL, heard, http_answer, pls, tone, tone_frequency
 
 # No byte of 255, so that nowhere in it a frame begins.
 GARBAGE = np.random.default_rng(5).integers(0, 255, 20000, dtype=np.uint8).tobytes()
@@ -70,6 +72,15 @@ def test_a_server_that_takes_the_connection_and_says_nothing_is_waited_for_witho
     air.wait_heard()
 
 
+def test_a_list_is_read_to_4095_bytes_if_the_server_closes_behind_it(station, on_air):
+    """The socket's own buffer, where the rest of it is, goes with the connection."""
+    play = stream(tone(station.directory))
+    answer = http_answer("audio/x-scpls", pls([f"{URL}{n}" for n in range(1, 101)]))
+    on_air(answer=lambda peer: peer.send(answer) if "://" in peer.request else play(peer))
+    entries = re.findall(r"^PLAYITEM (\d+):$", station.daemon.output(), re.M)
+    assert len(entries) == answer[:4095].count(b"=-1\r\n") < 100
+
+
 def test_garbage_before_a_stream_and_amid_it_is_passed_over(station, on_air):
     audio = tone(station.directory)
     air = on_air(stream(audio, lambda peer: peer.send(GARBAGE), 1.0, lambda peer: peer.send(GARBAGE), None))
@@ -93,16 +104,17 @@ def test_an_entry_of_another_format_is_played_as_the_first_one_was(station, on_a
     assert abs(pitch_on_air(air) / (second.frequency * ratio) - 1) < PITCH
 
 
-def retunings(station):
-    """How often the converter is retuned in a second of the card's time."""
-    station.daemon.type("tl 5\n")
-    station.wait_frames(station.card.frames() + 48000)
-    return station.daemon.output().count("Tracking rate to")
+def demanded_rate(daemon):
+    """The rate that the mixer demands of the converter, as the console shows it; 0 of one that it does not steer."""
+    daemon.mark()
+    daemon.type("blocks\n")
+    shown = daemon.wait_output(r"(?s)\) RATE_CONVERTER .*?connected to MUX\n.*?True sample rate: +\(...\) ([\d.]+) Hz")
+    return float(shown[1])
 
 
 def test_a_stream_is_not_steered(station, on_air):
     on_air(stream(tone(station.directory)))
-    assert retunings(station) == 0
+    assert demanded_rate(station.daemon) == 0
 
 
 def test_a_livewire_capture_is_steered(station):
@@ -110,4 +122,4 @@ def test_a_livewire_capture_is_steered(station):
     station.boot("-t", "2047")
     station.daemon.start_source(station.livewire("Studio", 1))
     station.daemon.wait_until(lambda: heard(station.card), what="sound on the card")
-    assert retunings(station) > 50
+    assert abs(demanded_rate(station.daemon) - 47982) <= 48.1

@@ -2,6 +2,8 @@
 
 import re
 
+import numpy as np
+
 from streamOnAir import URL, opened, stream
 from streamServers import Dropping, ScriptedServer, resources, tone
 
@@ -26,6 +28,22 @@ def test_stalls_of_1_and_5_seconds_end_with_a_line_and_one_of_8_goes_to_the_next
     assert air.lines("(0): Shoutcast gave up")[: 4 + len(opened(2))] == [
         "(0): Shoutcast gave up on playlist item: Entry 1.", "(0): Retrying item: Entry 1.",
         "(0): ERROR! Failed to open shoutcast connection", "(0): Trying next shoutcast playlist item: Entry 2", *opened(2)]
+    assert station.card.underruns() == 0
+
+
+def longest_silence(recording):
+    """The longest run of frames without sound behind the first sound, in seconds."""
+    sound = np.flatnonzero(np.any(np.abs(recording.astype(np.int64)) > 1 << 20, axis=1))
+    return np.diff(sound).max() / 48000
+
+
+def test_what_a_server_has_sent_ahead_carries_a_stream_over_a_stall(station, on_air):
+    audio = tone(station.directory)
+    air = on_air(stream(audio, lambda peer: peer.play(audio, 1.0, ahead_seconds=4.0), lambda peer: peer.pause(3.0), None))
+    station.wait_frames(station.card.frames() + 48000 * 5)
+    air.daemon.kill()
+    assert longest_silence(station.recording()) < 0.01
+    assert air.server.requests[1:] == ["/1"]
     assert station.card.underruns() == 0
 
 
