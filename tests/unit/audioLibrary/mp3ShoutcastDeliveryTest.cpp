@@ -1069,6 +1069,10 @@ TEST_F(ShoutcastTest, GapThatBeginsInTheFirstSecondOfTheClockBeginsAnewWithEachE
     expectNothing(STREAM_OK);
     EXPECT_EQ(text(stream->nodata_start), "0:900");
     EXPECT_EQ(text(stream->nodata_stop), "0:0");
+    stream->nodata_stop = at(3, 0); // only its nanoseconds are looked at
+    expectNothing(STREAM_OK);
+    EXPECT_EQ(text(stream->nodata_start), "0:900");
+    EXPECT_EQ(text(stream->nodata_stop), "3:0");
     // Nanoseconds alone are a gap all the same.
     arrives(material());
     EXPECT_EQ(pull(), STREAM_OK);
