@@ -483,15 +483,15 @@ def test_the_length_of_an_mp3_file_is_that_of_its_audio(morning, tmp_path):
 # ---- the daemon: each in a network namespace of its own, where nothing but loopback is
 
 
-def in_namespace(station, script):
-    """Runs Python lines in an own namespace; `ctl(*arguments)` there answers the finished tool."""
+def in_namespace(station, script, *more):
+    """Runs Python lines in an own namespace, with `more` options of unshare; `ctl(*arguments)` answers the tool."""
     prelude = (
         "import socket, subprocess, sys\n"
         "subprocess.run(['ip', 'link', 'set', 'lo', 'up'], check=True)\n"
         "def ctl(*arguments):\n"
         f"    return subprocess.run([{str(TOOL)!r}, *arguments], capture_output=True, text=True, timeout=30)\n"
     )
-    result = subprocess.run(["unshare", "-n", sys.executable, "-c", prelude + script], cwd=station.run,
+    result = subprocess.run(["unshare", "-n", *more, sys.executable, "-c", prelude + script], cwd=station.run,
                             capture_output=True, text=True, timeout=60)
     assert result.returncode == 0, result.stderr
     return result.stdout
@@ -509,6 +509,9 @@ def test_start_sends_the_id_of_the_source_that_has_the_name(morning):
     connection.execute("UPDATE T_Audio_Sources SET id = 70000 WHERE player_name = 'noon'")
     connection.commit()
     connection.close()
+    morning.file("a.wav", wav(48000))
+    for playlist in ("morning", "noon"):
+        morning.ctl("playlist", "add", playlist, "a.wav")
     out = in_namespace(morning, LISTEN.format(port=7004) +
                        "for source in ('noon', 'net', '1'):\n"
                        "    assert ctl('start', source).returncode == 0\n"
@@ -528,7 +531,56 @@ def test_start_of_an_unknown_source_sends_nothing(morning):
     morning.ctl("start", "noon", expect=NOT_FOUND)
 
 
+def test_a_start_that_would_only_stop_what_plays_is_refused(morning):
+    for command in ("start", "play"):
+        assert "the playlist has no entries" in morning.ctl(command, "morning", expect=REFUSED).stderr
+        assert "no entries" in morning.ctl(command, "morning", "--port", "7100", expect=REFUSED).stderr
+    assert "no entries" in morning.ctl("--host", "localhost", "start", "morning", expect=REFUSED).stderr
+
+
+def test_a_start_of_files_that_are_not_here_is_told_unless_it_goes_elsewhere(morning):
+    path = morning.file("a.wav", wav(48000))
+    morning.ctl("playlist", "add", "morning", path)
+    path.unlink()
+    out = in_namespace(morning, LISTEN.format(port=7004) +
+                       "for more in ([], ['--host', '127.0.0.1']):\n"
+                       "    result = ctl('start', 'morning', *more)\n"
+                       "    print(result.returncode, result.stderr.strip())\n")
+    assert out.splitlines() == [
+        "0 audioplayerctl: warning: none of the playlist's files can be read: nothing will be heard", "0 "]
+
+
+def test_a_store_that_is_not_mounted_refuses_a_start(morning):
+    morning.file("a.wav", wav(48000))
+    morning.ctl("playlist", "add", "morning", "a.wav")
+    script = ("subprocess.run(['mount', '-t', 'tmpfs', 'none', '/mnt'], check=True)\n"
+              "import os\n"
+              "os.mkdir('/mnt/usb')\n"
+              "open('/mnt/usb/unmounted.usb', 'w').close()\n"
+              "result = ctl('play', 'morning')\n"
+              "print(result.returncode, result.stderr.strip())\n")
+    out = in_namespace(morning, script, "--mount")
+    assert out == ("5 audioplayerctl: not started: /mnt/usb/unmounted.usb is there, so the player would stop what plays "
+                   "and start no playlist\n")
+
+
+def test_the_host_may_have_the_automation_port_behind_it(station):
+    out = in_namespace(station, LISTEN.format(port=7004) +
+                       "assert ctl('stop', '--host', '127.0.0.1:8500').returncode == 0\n"
+                       "print(daemon.recv(100).hex())\n")
+    assert out == "0203120000\n"
+
+
+@pytest.mark.parametrize("command", [("status",), ("sources",), ("playlist", "list"), ("playlist", "create", "x"),
+                                     ("stream", "list")])
+def test_what_looks_at_this_machine_only_is_not_asked_of_another(morning, command):
+    result = morning.ctl("--host", "player.studio", *command, expect=USAGE)
+    assert f'"{command[0]}" looks at this machine only' in result.stderr
+
+
 def test_start_and_stop_tell_that_nothing_listens(morning):
+    morning.file("a.wav", wav(48000))
+    morning.ctl("playlist", "add", "morning", "a.wav")
     out = in_namespace(morning, "for command in (['start', 'morning'], ['stop']):\n"
                                 "    result = ctl(*command)\n"
                                 "    print(result.returncode, result.stderr, end='')\n")

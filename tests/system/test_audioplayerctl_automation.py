@@ -142,6 +142,20 @@ def test_upload_without_a_host_is_all_or_nothing(server):
     assert entries(server, "morning") == [(1, files[0])]
 
 
+def test_an_upload_of_many_files_without_a_host_keeps_their_order_and_stores_each_once(server):
+    store = server.work_dir / "many"
+    store.mkdir()
+    first = store / "0.wav"
+    first.write_bytes(wav_bytes(noise(48), 48000))
+    for number in range(1, 3000):
+        os.link(first, store / f"{number}.wav")
+    files = [str(store / f"{number}.wav") for number in range(3000)] + [str(first)]
+    ctl(server, "upload", "many", "-", input="\n".join(files))
+    assert entries(server, "many") == list(enumerate(files, start=1))
+    assert query(server, "SELECT count(*) FROM T_Items") == [(3000,)]
+    assert query(server, "SELECT count FROM T_Playlists_Item_Count") == [(3001,)]
+
+
 def test_names_that_look_like_markup_arrive_as_they_are(server):
     name = "a<b>\"c'&#x41;</Transaction>"
     ctl(server, *HOST, "upload", name, "/mnt/usb/" + name)
@@ -152,6 +166,30 @@ def test_traps_of_an_upload_over_tcp_are_told(server):
     result = ctl(server, *HOST, "upload", "m", "/mnt/usb/x.MP3.wav", *["/mnt/usb/a.wav"] * 20)
     assert "warning: x.MP3.wav: the player takes it for an MP3 file" in result.stderr
     assert "warning: the player stands still while it stores 21 files" in result.stderr
+
+
+def test_an_upload_that_the_player_took_in_part_or_not_at_all_fails(daemon):
+    for log, count in ((b"", 0), (b"<TransactionLog>\n    Created new playlist m\n    Adding audio item /mnt/usb/a.wav "
+                                  b"to playlist\n    \n</TransactionLog>\n", 1)):
+        *_, err = serve(daemon, lambda number: response(number, inner=log), "upload", "m", "/mnt/usb/a.wav",
+                        "/mnt/usb/b.wav", expect=PLAYER_ERROR)
+        assert f"the player took {count} of 2 files" in err
+
+
+def test_an_upload_that_makes_a_database_says_where(server):
+    usb(server, "a.wav")
+    result = ctl(server, "--db", "elsewhere/x.db", "upload", "m", "/mnt/usb/a.wav")
+    assert result.stderr == f"audioplayerctl: there was no database: made {server.run_dir}/elsewhere/x.db\n"
+    assert ctl(server, "--db", "elsewhere/x.db", "upload", "m", "/mnt/usb/a.wav").stderr == ""
+
+
+def test_a_full_library_takes_no_item_that_the_player_could_not_name(server):
+    files = usb(server, "a.wav", "b.wav")
+    query(server, "INSERT INTO T_Items VALUES (65533, '/x', 1, 1, 1)")
+    ctl(server, "upload", "m", files[0])
+    result = ctl(server, "upload", "m", *files, expect=REFUSED)
+    assert "the library is full" in result.stderr
+    assert entries(server, "m") == [(1, files[0])]
 
 
 # ---- the seat
@@ -180,6 +218,7 @@ def test_another_port_is_given_behind_the_host(daemon):
     assert "127.0.0.1 port 8501: cannot connect: Connection refused" in result.stderr
     for host in ("127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:x", ":8500"):
         ctl(daemon, "--host", host, "play", "morning", expect=USAGE)
+    assert "IPv4 only" in ctl(daemon, "--host", "::1", "play", "morning", expect=USAGE).stderr
 
 
 def test_half_a_transaction_of_a_lost_peer_is_neither_carried_out_nor_in_the_way(server):
@@ -296,6 +335,28 @@ def test_without_a_host_a_file_of_another_playlist_stays(logged):
     assert "warning: /mnt/usb/a.wav stays: another playlist uses it" in result.stderr
 
 
+def test_over_tcp_a_file_that_cannot_be_removed_is_told(logged):
+    (logged.usb / "a.wav").unlink()
+    result = ctl(logged, *HOST, "delete", "morning", "--audio-files", expect=FAILED)
+    assert "  Deleting /mnt/usb/a.wav ERROR: No such file or directory" in result.stdout.splitlines()
+    assert "the playlist is deleted, but not all of its files" in result.stderr
+
+
+@pytest.mark.parametrize("host", [(), HOST])
+def test_after_a_delete_the_log_still_names_the_files(logged, host):
+    ctl(logged, *host, "delete", "morning")
+    rows = json.loads(ctl(logged, "as-played", "--json").stdout)
+    assert [(row["playlist"], row["file"]) for row in rows] == [(None, "/mnt/usb/a.wav")] * 3
+
+
+def test_a_delete_of_what_may_be_on_air_is_told(logged):
+    files = usb(logged, "a.wav")
+    ctl(logged, "upload", "evening", *files)
+    played(logged, int(time.time()) + 3600, file=files[0], playlist=1)
+    assert "warning" not in ctl(logged, "delete", "evening").stderr
+    assert "warning: the playlist went on air last" in ctl(logged, "delete", "morning").stderr
+
+
 def test_a_file_that_cannot_be_removed_is_told(logged):
     (logged.usb / "a.wav").unlink()
     result = ctl(logged, "delete", "morning", "--audio-files", expect=FAILED)
@@ -314,8 +375,26 @@ def test_play_without_a_host_names_the_source_and_over_tcp_the_trap_is_told(serv
     server.wait_log("received start request id = 2$")
     server.mark()
     result = ctl(server, *HOST, "play", "morning")
-    assert "starts the source whose id is the playlist's: whether that is this playlist can't be seen" in result.stderr
+    assert "starts the source whose id is the playlist's, which need not be this playlist" in result.stderr
     server.wait_log("AudioService::startPlayer id = 1$")
+
+
+def on_air(playlist, file=b"/mnt/usb/a.wav"):
+    return (b'<?xml version="1.0" ?>\n<Transaction type="info" command="playingNow" transactionNumber="0">\n'
+            b'  <Playlist name="' + playlist + b'" />\n  <PlaylistItem type="file" filename="' + file +
+            b'" />\n</Transaction>\n')
+
+
+def test_a_start_over_tcp_is_confirmed_by_what_went_on_air(daemon):
+    _, out, err = serve(daemon, lambda number: on_air(b"noon") + on_air(b"m") + response(number), "play", "m",
+                        expect=DONE)
+    assert out == 'Asked the player to start the playlist\nOn air: /mnt/usb/a.wav from "m"\n'
+    assert "warning" not in err
+    *_, err = serve(daemon, lambda number: on_air(b"m") + on_air(b"noon") + response(number), "play", "m",
+                    expect=PLAYER_ERROR)
+    assert 'what went on air is /mnt/usb/a.wav from "noon"' in err
+    *_, err = serve(daemon, response, "play", "m", expect=DONE)
+    assert "warning: the player did not tell what it started" in err
 
 
 def test_a_cart_can_not_be_played(server):
@@ -426,30 +505,71 @@ def test_delete_over_tcp_takes_a_long_log_page_by_page(server):
     assert "warning" not in result.stderr
 
 
-def test_rows_that_the_player_removes_unreported_are_told(server):
-    for place in range(53):  # rows 50 to 53 are of one second, and a page has 50
-        played(server, NOON + min(place, 49), place)
-    played(server, NOON + 100)
-    result = ctl(server, *HOST, "as-played", "--csv", "--delete")
-    assert len(result.stdout.splitlines()) == 1 + 50
-    assert "warning: the player removed 3 entries that it did not report" in result.stderr
+def take_log(server, *options):
+    """Takes the log over TCP: the microseconds of its rows."""
+    result = ctl(server, *HOST, "as-played", "--csv", "--delete", *options)
+    assert "warning" not in result.stderr
+    return [int(row["time"][-6:]) for row in csv.DictReader(io.StringIO(result.stdout))]
 
 
-def test_a_player_that_does_not_remove_ends_the_pages(daemon):
-    entry = b'  <Info entriesInLog="9" numEntries="1" />\n  <LogEntry time="x" type="unknown" />\n'
+# A page has 50 rows, and the player removes the whole second of the last row that it returns.
+@pytest.mark.parametrize("seconds", [[min(place, 49) for place in range(53)],  # goes on behind the page
+                                     [place // 3 for place in range(200)],
+                                     [0] * 50, [0] * 51, [0] * 230,  # longer than a page
+                                     [0] * 49 + [1] * 120 + [2]])
+def test_no_row_goes_unreported_where_a_second_goes_on_behind_a_page(server, seconds):
+    for place, second in enumerate(seconds):
+        played(server, NOON + second, place)
+    played(server, NOON + 1000)
+    assert take_log(server) == list(range(len(seconds)))
+    assert log_size(server) == 1
 
+
+def test_a_limit_takes_whole_seconds(server):
+    for place, second in enumerate([0, 1, 2, 2, 2, 3]):
+        played(server, NOON + second, place)
+    played(server, NOON + 1000)
+    assert take_log(server, "--limit", "2") == [0, 1]
+    assert take_log(server, "--limit", "1") == [2, 3, 4]
+    assert take_log(server, "--limit", "9") == [5]
+
+
+def answers(daemon, inners, *arguments, expect):
+    """Runs the tool against a server that answers its transactions by these, in turn."""
     with daemon.listen(AUTOMATION_PORT) as listener:
-        process = subprocess.Popen(daemon.command([TOOL, *HOST, "as-played", "--delete"]), stdout=subprocess.PIPE,
+        process = subprocess.Popen(daemon.command([TOOL, *HOST, *arguments]), stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, text=True)
         peer, _ = listener.accept()
+        requests = []
         with peer:
-            for _ in range(2):
+            peer.settimeout(DEFAULT_TIMEOUT)
+            for inner in inners:
                 received = b""
                 while b'Number="' not in received or not received.endswith(b"</Transaction>\n"):
                     received += peer.recv(65536)
-                peer.sendall(response(received.split(b'Number="')[1].split(b'"')[0], inner=entry))
+                requests.append(received)
+                peer.sendall(response(received.split(b'Number="')[1].split(b'"')[0], inner=inner))
             out, err = process.communicate(timeout=30)
-    assert process.returncode == PLAYER_ERROR
+    assert process.returncode == expect, (out, err)
+    return requests, out, err
+
+
+def block(in_log, *times):
+    entries = b"".join(b'  <LogEntry time="' + time + b'" type="unknown" />\n' for time in times)
+    return b'  <Info entriesInLog="%d" numEntries="%d" />\n' % (in_log, len(times)) + entries
+
+
+def test_rows_that_a_trimmed_log_gives_up_instead_are_listed_too(daemon):
+    # Between the two requests the player drops the rows that were listed: it removes the next ones.
+    requests, out, _ = answers(daemon, [block(3, b"a 1.000ms", b"b 1.000ms"), block(1, b"c 1.000ms"), block(0)],
+                               "as-played", "--delete", expect=DONE)
+    assert out.splitlines() == ["a 1.000ms  unknown", "b 1.000ms  unknown", "c 1.000ms  unknown"]
+    assert [b'maxLogEntries="50" delete="no"' in requests[0], b'maxLogEntries="2" delete="yes"' in requests[1],
+            b'maxLogEntries="50" delete="no"' in requests[2]] == [True] * 3
+
+
+def test_a_player_that_does_not_remove_ends_the_pages(daemon):
+    _, out, err = answers(daemon, [block(9, b"x")] * 3, "as-played", "--delete", expect=PLAYER_ERROR)
     assert out == "x  unknown\n"
     assert "the player does not remove what it has reported" in err
 
@@ -559,6 +679,24 @@ def test_status_beside_a_watchdog_still_tells_what_is_on_air(history):
         assert result.stdout.startswith("On air: /mnt/usb/a.wav from")
         told = json.loads(ctl(history, "status", "--json", expect=IN_USE).stdout)
         assert told["running"] is None and told["on_air"]["file"] == "/mnt/usb/a.wav"
+
+
+def test_status_with_a_database_that_is_none_tells_the_heartbeat_and_fails(server):
+    (server.run_dir / "junk.db").write_bytes(b"junk" * 100)
+    result = ctl(server, "--db", "junk.db", "status", expect=FAILED)
+    assert result.stdout == "The player is running\n"
+    assert "file is not a database" in result.stderr
+
+
+def test_following_ends_when_nobody_reads_any_more(history):
+    process = subprocess.Popen(history.command(["sh", "-c", "trap '' PIPE; exec \"$@\"", "sh", TOOL, "now-playing",
+                                                "--follow"]), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    process.stdout.readline()
+    process.stdout.close()
+    played(history, NOON + 20, 0, 0, "/mnt/usb/a.wav", 1)
+    assert process.wait(DEFAULT_TIMEOUT) == FAILED
+    assert b"Broken pipe" in process.stderr.read()
+    process.stderr.close()
 
 
 def test_status_without_a_database_tells_the_heartbeat_alone(server):

@@ -186,6 +186,11 @@ void AsPlayedListing::end()
 
 void AsPlayedListing::flush()
 {
+    flushOutput();
+}
+
+void flushOutput()
+{
     if (fflush(stdout) != 0 || ferror(stdout) != 0)
         throw Failure(EXIT_FAILED, std::string("cannot write the listing: ") + strerror(errno));
 }

@@ -27,6 +27,7 @@ struct AsPlayedRow {
     std::optional<std::string> playlist;  ///< none: gone from the library
     std::optional<std::string> file;      ///< likewise
     std::optional<int64_t> lengthSeconds; ///< of the file, if the library knows it
+    int playlistId = 0;                   ///< 0 from an answer
     std::string text;                     ///< what a "logTrimmed" says
 };
 
@@ -41,6 +42,9 @@ AsPlayedRow asPlayedRow(const TiXmlElement& logEntry);
 
 /** A text without what would move a terminal's cursor or colour it. */
 std::string printable(const std::string& text);
+
+/** Makes sure that what was written to stdout has gone out. Throws Failure, EXIT_FAILED, if it could not. */
+void flushOutput();
 
 /** Writes rows in one of the forms, in one run or as they come. */
 class AsPlayedListing

@@ -6,12 +6,14 @@
 #include "library.h"
 #include "xmlText.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 #include <tinyxml.h>
 #include <unistd.h>
@@ -22,7 +24,8 @@ namespace
 using Json = nlohmann::ordered_json;
 
 constexpr size_t MAX_NAME_BYTES = 127;
-constexpr int PAGE_ENTRIES = 50; ///< an answer that doesn't fit into the connection is lost, and its rows with it
+constexpr int PAGE_ENTRIES = 50;          ///< an answer that doesn't fit into the connection is lost
+constexpr int64_t MAX_GROWTH = 1024;      ///< of a page: more than the player's log ever holds
 constexpr size_t QUICK_UPLOAD_FILES = 20; ///< more hold the player up long enough to be heard
 constexpr auto FOLLOW_INTERVAL = std::chrono::milliseconds(500);
 
@@ -81,7 +84,13 @@ void uploadOverTcp(const Options& options, const std::vector<std::string>& files
         warn("the player stands still while it stores " + std::to_string(files.size()) +
              " files, and what is on air may be heard to stop; an upload without --host does not hold it up");
     AutomationSession session = takeSeat(options);
-    session.carryOut({"uploadPlaylist", {playlist}});
+    const std::vector<std::string> lines = session.carryOut({"uploadPlaylist", {playlist}});
+    // The player says "success" as well where its database refuses the playlist: only the lines tell.
+    const auto numAdded = static_cast<size_t>(std::count_if(
+        lines.begin(), lines.end(), [](const std::string& line) { return line.ends_with(" to playlist"); }));
+    if (numAdded < files.size())
+        throw Failure(EXIT_PLAYER_ERROR,
+                      "the player took " + std::to_string(numAdded) + " of " + std::to_string(files.size()) + " files");
 }
 
 } // namespace
@@ -95,14 +104,30 @@ void uploadPlaylist(const Options& options)
     }
     expectName(options.playlist);
     Library library(options.database, Library::CREATE);
+    if (library.isMade()) // in a working directory that is not the player's, a library that no player reads
+        note("there was no database: made " + std::filesystem::absolute(options.database).lexically_normal().string());
     const bool isNew = library.upload(options.playlist, files);
-    printf("%s playlist \"%s\": %zu files\n", isNew ? "Created" : "Replaced", options.playlist.c_str(), files.size());
+    printf("%s playlist \"%s\": %zu files\n", isNew ? "Created" : "Replaced", printable(options.playlist).c_str(),
+           files.size());
 }
 
 // ---- delete
 
 namespace
 {
+
+constexpr const char* NOT_ALL_FILES = "the playlist is deleted, but not all of its files";
+
+int64_t ageOf(const AsPlayedRow& row)
+{
+    return std::max<int64_t>(time(nullptr) - row.seconds, 0);
+}
+
+/** The file is shorter than the time since its start. The log knows starts of files only: no stops, no streams. */
+bool isOver(const AsPlayedRow& row)
+{
+    return row.lengthSeconds.has_value() && ageOf(row) > *row.lengthSeconds + 1;
+}
 
 const char* yesOrNo(bool isYes)
 {
@@ -118,7 +143,21 @@ void deleteOverTcp(const Options& options)
     if (options.isAudioDeleted)
         warn("the player removes the files also where other playlists use them");
     AutomationSession session = takeSeat(options);
-    session.carryOut({"deletePlaylists", {playlist}});
+    const std::vector<std::string> lines = session.carryOut({"deletePlaylists", {playlist}});
+    // A file that it can't remove is a "success" to the player.
+    if (std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.starts_with("  Deleting ") && line.find(" ERROR: ") != std::string::npos;
+        }))
+        throw Failure(EXIT_FAILED, NOT_ALL_FILES);
+}
+
+/** Tells of silence to come: the player looks after the playlist on air no more than after any other. */
+void warnIfOnAir(Library& library, int playlistId)
+{
+    const std::optional<AsPlayedRow> row = library.lastStarted();
+    if (row.has_value() && row->playlistId == playlistId && !isOver(*row))
+        warn("the playlist went on air last. If it is still there, its file plays to the end, and then there is "
+             "silence, or a test tone, until another is started");
 }
 
 void removeFiles(const std::vector<std::string>& files)
@@ -128,12 +167,12 @@ void removeFiles(const std::vector<std::string>& files)
         if (remove(file.c_str()) == 0) {
             printf("Removed %s\n", printable(file).c_str());
         } else {
-            warn("cannot remove " + file + ": " + strerror(errno));
+            warn("cannot remove " + printable(file) + ": " + strerror(errno));
             isComplete = false;
         }
     }
     if (!isComplete)
-        throw Failure(EXIT_FAILED, "the playlist is deleted, but not all of its files");
+        throw Failure(EXIT_FAILED, NOT_ALL_FILES);
 }
 
 } // namespace
@@ -148,7 +187,8 @@ void deletePlaylistWithLog(const Options& options)
     const int id = library.findPlaylist(options.playlist);
     const std::vector<std::string> files =
         options.isAudioDeleted ? library.filesOnlyIn(id) : std::vector<std::string>();
-    library.deletePlaylist(id);
+    warnIfOnAir(library, id);
+    library.deletePlaylistAlone(id);
     if (options.isLogCleared)
         library.clearAsPlayed();
     printf("Deleted playlist %d\n", id);
@@ -157,20 +197,43 @@ void deletePlaylistWithLog(const Options& options)
 
 // ---- play, stop
 
+namespace
+{
+
+/** The player's "success" means that it knows the name; what it starts it tells in front of its answer. */
+void playOverTcp(const Options& options)
+{
+    const AutomationElement playlist = playlistElement(options.playlist);
+    AutomationSession session = takeSeat(options);
+    session.carryOut({"startPlaylist", {playlist}});
+    puts("Asked the player to start the playlist");
+    const AutomationDocument& info = session.lastInfo();
+    const AsPlayedRow row = info.root() != nullptr ? asPlayedRow(*info.root()) : AsPlayedRow();
+    const std::string file = printable(row.file.value_or("(unknown)"));
+    if (!row.playlist.has_value()) {
+        warn("the player did not tell what it started: nothing, or a stream, or its \"playingNow\" is switched off. "
+             "It starts the source whose id is the playlist's, which need not be this playlist");
+        return;
+    }
+    if (*row.playlist != options.playlist)
+        throw Failure(EXIT_PLAYER_ERROR,
+                      "what went on air is " + file + " from \"" + printable(*row.playlist) +
+                          "\": over the automation connection the player starts the source whose id is the playlist's");
+    printf("On air: %s from \"%s\"\n", file.c_str(), printable(*row.playlist).c_str());
+}
+
+} // namespace
+
 void playPlaylist(const Options& options)
 {
     if (isOverTcp(options)) {
-        const AutomationElement playlist = playlistElement(options.playlist);
-        warn("over the automation connection the player starts the source whose id is the playlist's: whether that is "
-             "this playlist can't be seen from here");
-        AutomationSession session = takeSeat(options);
-        session.carryOut({"startPlaylist", {playlist}});
-        puts("Asked the player to start the playlist");
+        playOverTcp(options);
         return;
     }
     Library library(options.database, Library::READ);
     const int source = library.sourceOf(library.findPlaylist(options.playlist));
     library.expectSurvivable(source);
+    library.expectSomethingToPlay(source, true);
     sendStart(options.control, source);
     printf("Asked the player to start source %d\n", source);
 }
@@ -197,6 +260,27 @@ AsPlayedListing::form_e formOf(const Options& options)
                                                   : AsPlayedListing::TABLE;
 }
 
+/** Tells rows apart: times never repeat while the player runs. */
+std::string keyOf(const AsPlayedRow& row)
+{
+    return row.time + row.type + row.file.value_or("");
+}
+
+/** The time without the part of the second, in either form. */
+std::string secondOf(const AsPlayedRow& row)
+{
+    return row.time.substr(0, row.time.rfind(row.time.ends_with("ms") ? ' ' : '.'));
+}
+
+/** How many of the rows stand before the second of the last one, of which there may be more behind them. */
+size_t numBeforeLastSecond(const std::vector<AsPlayedRow>& rows)
+{
+    size_t count = rows.size();
+    while (count > 0 && secondOf(rows[count - 1]) == secondOf(rows.back()))
+        --count;
+    return count;
+}
+
 /** One answer to getAsPlayedLog. */
 struct Page {
     std::vector<AsPlayedRow> rows;
@@ -214,8 +298,7 @@ Page readPage(const AutomationDocument& answer)
             page.numInLog = strtoll(automationAttribute(*child, "entriesInLog", "0").c_str(), nullptr, 10);
         if (cmpIStr(child->ValueStr(), "LogEntry") == 0) {
             page.rows.push_back(asPlayedRow(*child));
-            const AsPlayedRow& row = page.rows.back();
-            page.text += row.time + row.type + row.file.value_or("") + "\n";
+            page.text += keyOf(page.rows.back()) + "\n";
         }
     }
     return page;
@@ -239,38 +322,58 @@ void showProgress(int64_t numDone, int64_t numInAll)
             static_cast<long long>(numInAll));
 }
 
-/** Fetches and removes page after page, until none is left. */
+/** Removes as many rows as were listed; lists what the player removes beyond them, having dropped others meanwhile. */
+void removeListed(AutomationSession& session, AsPlayedListing& listing, const std::vector<AsPlayedRow>& listed)
+{
+    std::set<std::string> keys;
+    for (const AsPlayedRow& row : listed)
+        keys.insert(keyOf(row));
+    for (const AsPlayedRow& row : askForPage(session, static_cast<int>(listed.size()), true).rows)
+        if (!keys.contains(keyOf(row)))
+            listing.write(row);
+    listing.flush();
+}
+
+/**
+ * Fetches and removes page after page, until none is left. The player removes the whole second of the last row that it
+ * returns, reported or not; and a row is removed only when it is safe here. So each page is asked for twice: first to
+ * list what is before its last second, then to remove just that.
+ */
 void takeLogOverTcp(const Options& options, AutomationSession& session, AsPlayedListing& listing)
 {
     int64_t numDone = 0;
     int64_t numInAll = 0;
-    int64_t numUnreported = 0;
+    int64_t growth = 1; // beyond 1 where one second fills a page
     Page before;
-    for (;;) {
-        const int64_t numWanted = options.limit > 0 ? options.limit - numDone : PAGE_ENTRIES;
-        if (numWanted <= 0)
-            break;
-        const Page page = askForPage(session, static_cast<int>(std::min<int64_t>(numWanted, PAGE_ENTRIES)), true);
+    while (options.limit == 0 || numDone < options.limit) {
+        const int64_t numLeft = options.limit == 0 ? PAGE_ENTRIES : options.limit - numDone;
+        const int64_t numWanted = std::min<int64_t>(numLeft, PAGE_ENTRIES) * growth;
+        Page page = askForPage(session, static_cast<int>(numWanted), false);
         numInAll = std::max(numInAll, numDone + page.numInLog);
-        // The player removes the whole second of a page's last entry; the log may have grown meanwhile.
-        const auto numListed = static_cast<int64_t>(before.rows.size());
-        numUnreported += std::max<int64_t>(before.numInLog - numListed - page.numInLog, 0);
         if (page.rows.empty())
             break;
-        if (page.text == before.text && page.numInLog >= before.numInLog)
+        if (growth == 1 && page.text == before.text && page.numInLog >= before.numInLog)
             throw Failure(EXIT_PLAYER_ERROR, "the player does not remove what it has reported");
+        const bool isLast = static_cast<int64_t>(page.rows.size()) < numWanted;
+        const size_t numWhole = isLast ? page.rows.size() : numBeforeLastSecond(page.rows);
+        if (numWhole == 0 && growth < MAX_GROWTH) {
+            growth *= 2;
+            continue;
+        }
+        if (numWhole == 0)
+            throw Failure(EXIT_PLAYER_ERROR, "the player has too many entries of one second");
+        before = page;
+        page.rows.resize(numWhole);
         for (const AsPlayedRow& row : page.rows)
             listing.write(row);
-        listing.flush(); // what is removed there must be safe here
-        numDone += static_cast<int64_t>(page.rows.size());
+        listing.flush();
+        removeListed(session, listing, page.rows);
+        numDone += static_cast<int64_t>(numWhole);
+        growth = 1;
         showProgress(numDone, numInAll);
-        before = page;
     }
     if (isatty(STDERR_FILENO) != 0 && numInAll > 0)
         fputs("\n", stderr);
-    if (numUnreported > 0)
-        warn("the player removed " + std::to_string(numUnreported) +
-             " entries that it did not report: they were of the same second as the last of a page");
 }
 
 void listLogOverTcp(const Options& options)
@@ -357,11 +460,10 @@ std::string elapsed(int64_t seconds)
 
 void printItem(const AsPlayedRow& row)
 {
-    const int64_t age = std::max<int64_t>(time(nullptr) - row.seconds, 0);
+    const int64_t age = ageOf(row);
     printf("On air: %s from \"%s\" since %s (%s)\n", printable(row.file.value_or("(unknown)")).c_str(),
            printable(row.playlist.value_or("(unknown)")).c_str(), row.time.substr(0, 19).c_str(), elapsed(age).c_str());
-    // The log knows starts of files only: no stops, no streams.
-    if (row.lengthSeconds.has_value() && age > *row.lengthSeconds + 1)
+    if (isOver(row))
         printf("That is longer than the file (%s): the player was stopped, or plays a stream\n",
                elapsed(*row.lengthSeconds).c_str());
 }
@@ -375,7 +477,7 @@ void showItem(const Options& options, const AsPlayedRow& row)
                printable(row.file.value_or("(unknown)")).c_str());
     else
         printItem(row);
-    fflush(stdout);
+    flushOutput(); // who follows for days ends when nobody reads any more
 }
 
 AsPlayedRow rowOfInfo(const AutomationDocument& info)
@@ -442,7 +544,14 @@ void showStatus(const Options& options)
         trouble.emplace(failure);
     }
     const bool isKnown = isRunning || trouble->status == EXIT_DAEMON_DOWN;
-    const std::optional<AsPlayedRow> row = isKnown && !isRunning ? std::nullopt : lastItem(options);
+    std::optional<AsPlayedRow> row;
+    try {
+        if (isRunning || !isKnown)
+            row = lastItem(options);
+    } catch (const Failure& failure) { // that the player runs is told all the same
+        if (!trouble.has_value())
+            trouble.emplace(failure);
+    }
     if (options.isJson) {
         const Json json = {{"running", isKnown ? Json(isRunning) : Json()},
                            {"on_air", row.has_value() ? jsonOf(*row) : Json()}};

@@ -1,5 +1,6 @@
 #include "automationLink.h"
 
+#include "asPlayed.h"
 #include "failure.h"
 #include "xmlText.h"
 
@@ -73,8 +74,9 @@ exitStatus_e statusOf(AutomationResult result)
 [[noreturn]] void fail(AutomationResult result, const std::string& why)
 {
     const std::string more = result == AutomationResult::CLOSED ? ": another peer took the seat, or the player ended"
-                             : result == AutomationResult::CUT  ? ": it was too long for the connection"
-                                                                : "";
+                             : result == AutomationResult::CUT
+                                 ? ": it was too long for the connection (what was asked for is done all the same)"
+                                 : "";
     throw Failure(statusOf(result), why + more);
 }
 
@@ -85,6 +87,8 @@ AutomationAddress parseAutomationAddress(const std::string& text)
     const size_t colon = text.rfind(':');
     AutomationAddress address;
     address.host = text.substr(0, colon);
+    if (address.host.find(':') != std::string::npos)
+        throw Failure(EXIT_USAGE, "the player listens on IPv4 only: \"" + text + "\" is no HOST or HOST:PORT");
     if (colon != std::string::npos) {
         const char* const end = text.data() + text.size();
         const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, address.port);
@@ -124,6 +128,7 @@ AutomationSession::AutomationSession(const AutomationAddress& address, bool isSe
             isHeld   ? ": the peer that holds it is thrown out"
             : isSeen ? ""
                      : "; whether another peer holds it, and is thrown out, can't be seen from here");
+    client.onInfo = [this](AutomationDocument&& document) { info = std::move(document); };
     const AutomationResult result = client.connect(address.host, address.port, timeoutMs);
     if (result == AutomationResult::FAILED)
         throw Failure(EXIT_DAEMON_DOWN, where + ": " + client.errorText());
@@ -145,16 +150,18 @@ void expectSuccess(const AutomationDocument& answer)
     if (cmpIStr(answer.status, "success") == 0)
         return;
     for (const std::string& line : answer.log())
-        fprintf(stderr, "%s\n", line.c_str());
+        fprintf(stderr, "%s\n", printable(line).c_str());
     throw Failure(EXIT_PLAYER_ERROR, "the player answers \"" + answer.status + "\" to " + answer.command);
 }
 
-void AutomationSession::carryOut(const AutomationRequest& wanted)
+std::vector<std::string> AutomationSession::carryOut(const AutomationRequest& wanted)
 {
     const AutomationDocument answer = request(wanted);
     expectSuccess(answer);
-    for (const std::string& line : answer.log())
-        puts(line.c_str());
+    std::vector<std::string> lines = answer.log();
+    for (const std::string& line : lines)
+        puts(printable(line).c_str());
+    return lines;
 }
 
 AutomationDocument AutomationSession::nextInfo(bool isPatient)

@@ -40,14 +40,22 @@ public:
     /** Sends a request and answers its answer, whatever its status. Throws Failure if there is none. */
     AutomationDocument request(const AutomationRequest& request);
 
-    /** As request, and shows the TransactionLog: on stdout, or for "ERROR" on stderr before EXIT_PLAYER_ERROR. */
-    void carryOut(const AutomationRequest& request);
+    /**
+     * As request, and shows the TransactionLog: on stdout, or for "ERROR" on stderr before EXIT_PLAYER_ERROR.
+     *
+     * @return its lines: what the player could not do stands in them, for a "success" too
+     */
+    std::vector<std::string> carryOut(const AutomationRequest& request);
+
+    /** The last information that came while an answer was awaited; without a root if none did. */
+    const AutomationDocument& lastInfo() const { return info; }
 
     /** The next document of type "info"; waits without limit if `isPatient`. */
     AutomationDocument nextInfo(bool isPatient);
 
 private:
     AutomationClient client;
+    AutomationDocument info;
     const int timeoutMs;
 };
 

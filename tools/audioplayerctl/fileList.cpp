@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -27,11 +29,15 @@ std::string trimmed(const std::string& line)
 
 std::vector<std::string> readM3u(std::istream& list)
 {
+    std::string text{std::istreambuf_iterator<char>(list), {}};
+    if (text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
+        throw Failure(EXIT_REFUSED, "the list is in UTF-16: save it as UTF-8, which file names here are in");
+    if (text.starts_with(BYTE_ORDER_MARK))
+        text.erase(0, BYTE_ORDER_MARK.size());
+    std::replace(text.begin(), text.end(), '\r', '\n'); // a line end of its own on some systems; empty lines are none
+    std::istringstream lines(text);
     std::vector<std::string> entries;
-    bool isFirst = true;
-    for (std::string line; std::getline(list, line); isFirst = false) {
-        if (isFirst && line.starts_with(BYTE_ORDER_MARK))
-            line.erase(0, BYTE_ORDER_MARK.size());
+    for (std::string line; std::getline(lines, line);) {
         line = trimmed(line);
         if (line.empty() || line.front() == '#')
             continue;

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <unistd.h>
+#include <unordered_map>
 
 namespace fs = std::filesystem;
 
@@ -21,6 +23,7 @@ constexpr int BUSY_TIMEOUT_MS = 3000;
 
 constexpr size_t MAX_PATH_BYTES = 1023; ///< the column and the wire record hold 1023 and a zero
 constexpr int MAX_NAME_BYTES = 127;
+constexpr const char* NOT_MOUNTED = "/mnt/usb/unmounted.usb"; ///< the player starts no playlist while it is there
 constexpr int NEXT_FREE = PlaylistItem::RESERVED_ID;
 constexpr int MAX_SEQUENCE = 65534; ///< sequences travel in 16 bits, and 65535 asks for the next free one
 
@@ -55,6 +58,14 @@ struct Library::InspectedFile {
     AudioFile figures;
 };
 
+Library::InspectedFile Library::jumpEntry(const std::string& path)
+{
+    AudioFile figures;
+    figures.itemType = ItemType::JUMP;
+    figures.rateHz = 1; // a rate of 0 would leave the playlist without a length
+    return {path, figures};
+}
+
 // ---- opening
 
 Library::Library(const std::string& filename, access_e access)
@@ -85,6 +96,7 @@ Library::Library(const std::string& filename, access_e access)
     database.close_audio_database();
     if (!database.open_audio_database(filename.c_str(), true))
         throw Failure(EXIT_FAILED, "cannot make the database " + filename);
+    wasMissing = true;
     db = database.getDatabase();
     sqlite3_busy_timeout(db, BUSY_TIMEOUT_MS);
 }
@@ -236,16 +248,44 @@ std::string Library::jumpPath(const std::string& target)
     return "ITEM_TYPE_JUMP:" + std::to_string(id) + ":" + std::to_string(*sequence);
 }
 
-void Library::insert(int playlistId, const std::string& path, int itemType, uint32_t numFrames, uint32_t rateHz)
+int Library::insertItem(const InspectedFile& file)
 {
     PlaylistItem item;
-    item.setPath(path.c_str());
-    item.getTypeReference().setTypeID(itemType);
-    item.setLengthSamples(numFrames);
-    item.setSampleRate(rateHz);
-    item.setPlaylistID(static_cast<uint16_t>(playlistId));
-    item.setSequence(NEXT_FREE);
-    expectDone(database.insert_playlist_item(item), "add the entry");
+    item.setPath(file.path.c_str());
+    item.getTypeReference().setTypeID(file.figures.itemType);
+    item.setLengthSamples(file.figures.numFrames);
+    item.setSampleRate(file.figures.rateHz);
+    expectDone(database.insert_item(item), "add the item");
+    return static_cast<int>(sqlite3_last_insert_rowid(db));
+}
+
+/**
+ * Appends within the caller's transaction, which the player's own writes wait for, 300 ms and no longer: what is looked
+ * up is looked up once, whatever the number of files.
+ */
+void Library::append(int playlistId, const std::vector<InspectedFile>& files)
+{
+    std::unordered_map<std::string, int> items;
+    for (Query known(db, "SELECT pathname, id FROM T_Items ORDER BY id;", "list_items"); known.next();)
+        items.try_emplace(known.text(0), known.number(1)); // the player, too, takes the first of a name
+
+    Query last(db, "SELECT max(sequence) FROM T_Playlist_Item_Association WHERE playlist_id = ?;", "find_last_entry");
+    last.bind(1, playlistId).next();
+    int sequence = last.number(0);
+
+    Query place(db, "INSERT INTO T_Playlist_Item_Association (sequence, playlist_id, item_id) VALUES (?, ?, ?);",
+                "add_entry");
+    for (const InspectedFile& file : files) {
+        const auto [item, isNew] = items.try_emplace(file.path, 0);
+        if (isNew)
+            item->second = insertItem(file);
+        if (item->second >= PlaylistItem::RESERVED_ID)
+            throw Failure(EXIT_REFUSED, "the library is full: the player can't name items with ids above 65534");
+        if (++sequence > MAX_SEQUENCE)
+            throw Failure(EXIT_REFUSED, "the playlist is full: a sequence lies from 1 to 65534");
+        place.bind(1, sequence).bind(2, playlistId).bind(3, item->second).next();
+        place.reset();
+    }
 }
 
 std::vector<Library::InspectedFile> Library::inspect(const std::vector<std::string>& files)
@@ -271,15 +311,13 @@ void Library::add(int playlistId, const std::vector<std::string>& files, const s
         throw Failure(EXIT_USAGE, "nothing to add: give files or --jump");
 
     // Everything slow, and everything that may refuse, comes before the database is held.
-    const std::vector<InspectedFile> inspected = inspect(files);
-    const std::string jumpEntry = jump.empty() ? "" : jumpPath(jump);
+    std::vector<InspectedFile> inspected = inspect(files);
+    if (!jump.empty())
+        inspected.push_back(jumpEntry(jumpPath(jump)));
 
     Transaction transaction(*this);
     const std::vector<JumpTrap> before = jumpTraps();
-    for (const auto& [path, figures] : inspected)
-        insert(playlistId, path, figures.itemType, figures.numFrames, figures.rateHz);
-    if (!jumpEntry.empty())
-        insert(playlistId, jumpEntry, ItemType::JUMP, 0, 1); // a rate of 0 would leave the playlist without a length
+    append(playlistId, inspected);
     expectNoNewTrap(before);
     transaction.commit();
 }
@@ -299,8 +337,7 @@ bool Library::upload(const std::string& name, const std::vector<std::string>& fi
     }
     if (id >= PlaylistItem::RESERVED_ID)
         throw Failure(EXIT_REFUSED, "the player can't name playlists with ids above 65534");
-    for (const auto& [path, figures] : inspected)
-        insert(id, path, figures.itemType, figures.numFrames, figures.rateHz);
+    append(id, inspected);
     expectNoNewTrap(before);
     transaction.commit();
     return isNew;
@@ -352,6 +389,39 @@ void Library::deletePlaylist(int playlistId)
     transaction.commit();
 }
 
+void Library::deletePlaylistAlone(int playlistId)
+{
+    Transaction transaction(*this);
+    const std::vector<JumpTrap> before = jumpTraps();
+    expectDone(database.delete_all_playlist_items(playlistId), "clear the playlist");
+    expectDone(database.delete_playlist(playlistId), "delete the playlist");
+    expectNoNewTrap(before);
+    transaction.commit();
+}
+
+void Library::expectSomethingToPlay(int sourceId, bool isHere)
+{
+    Query query(db,
+                "SELECT s.player_id FROM T_Audio_Sources s JOIN T_Audio_Source_Types t ON t.id = s.source_type_id "
+                "WHERE t.name = 'STR_PLAYLIST' AND s.id = ?;",
+                "find_playlist_of_source");
+    if (!query.bind(1, sourceId).next())
+        return; // a stream
+    const std::vector<EntryRow> rows = entries(query.number(0));
+    if (rows.empty())
+        throw Failure(EXIT_REFUSED, "not started: the playlist has no entries, and what plays would stop for it");
+    if (!isHere)
+        return;
+    if (access(NOT_MOUNTED, R_OK) == 0)
+        throw Failure(EXIT_REFUSED, std::string("not started: ") + NOT_MOUNTED +
+                                        " is there, so the player would stop what plays and start no playlist");
+    const auto mayPlay = [](const EntryRow& row) {
+        return row.type == "ITEM_TYPE_JUMP" || access(row.path.c_str(), R_OK) == 0;
+    };
+    if (std::none_of(rows.begin(), rows.end(), mayPlay))
+        warn("none of the playlist's files can be read: nothing will be heard");
+}
+
 std::vector<std::string> Library::filesOnlyIn(int playlistId)
 {
     Query query(
@@ -386,7 +456,7 @@ std::vector<AsPlayedRow> Library::asPlayedWhere(const char* condition, int value
         return rows;
     const std::string sql =
         "SELECT l.id, l.log_time_sec, l.log_time_usec, l.entry_type, p.name, i.pathname, l.desc, "
-        "i.item_length_in_samples, i.item_sample_rate FROM T_As_Played_Log l LEFT JOIN T_Items i ON i.id = "
+        "i.item_length_in_samples, i.item_sample_rate, l.playlist_id FROM T_As_Played_Log l LEFT JOIN T_Items i ON i.id = "
         "l.playlist_item_id LEFT JOIN T_Playlists p ON p.id = l.playlist_id WHERE " +
         std::string(condition) + ";";
     Query query(db, sql.c_str(), "list_as_played");
@@ -398,6 +468,7 @@ std::vector<AsPlayedRow> Library::asPlayedWhere(const char* condition, int value
         row.seconds = query.number64(1);
         row.time = asPlayedTime(row.seconds, query.number64(2));
         row.type = asPlayedWord(entryType);
+        row.playlistId = query.number(9);
         row.isOfItem = entryType == AS_PLAYED_LOG_ENTRY_TYPE_START_ITEM ||
                        entryType == AS_PLAYED_LOG_ENTRY_TYPE_MISSING_PLAYLIST_ITEM;
         if (row.isOfItem && !query.isNull(4))

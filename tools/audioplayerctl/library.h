@@ -74,6 +74,9 @@ public:
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
 
+    /** Whether the database was made just now: by CREATE, where there was none. */
+    bool isMade() const { return wasMissing; }
+
     std::vector<PlaylistRow> playlists();
     std::vector<EntryRow> entries(int playlistId);
     std::vector<SourceRow> sources();
@@ -112,8 +115,19 @@ public:
     /** Deletes the playlist, its entries, and the items that no other playlist uses. The files on disk stay. */
     void deletePlaylist(int playlistId);
 
+    /** The same, but the items stay in the library, where the as-played log finds the names of the files. */
+    void deletePlaylistAlone(int playlistId);
+
     /** Throws if the player would come, from this source on, to a jump that it does not survive. */
     void expectSurvivable(int sourceId);
+
+    /**
+     * Throws if the source is a playlist without an entry: its start would take what plays off the air for nothing.
+     *
+     * @param isHere  the player runs on this machine: throws too if its store is marked as not mounted, and tells if
+     *                none of the files is there
+     */
+    void expectSomethingToPlay(int sourceId, bool isHere);
 
     /** The audio files of the playlist, each once; those that another playlist uses as well are told and left out. */
     std::vector<std::string> filesOnlyIn(int playlistId);
@@ -174,11 +188,14 @@ private:
     std::vector<JumpTrap> jumpTraps();
     void expectNoNewTrap(const std::vector<JumpTrap>& before);
     static std::vector<InspectedFile> inspect(const std::vector<std::string>& files);
+    static InspectedFile jumpEntry(const std::string& path);
     bool hasAsPlayedTable();
     std::vector<AsPlayedRow> asPlayedWhere(const char* condition, int value);
-    void insert(int playlistId, const std::string& path, int itemType, uint32_t numFrames, uint32_t rateHz);
+    void append(int playlistId, const std::vector<InspectedFile>& files);
+    int insertItem(const InspectedFile& file);
     void expectDone(int rc, const char* what);
 
     AudioDatabase database;
     sqlite3* db = nullptr; ///< of `database`, not owned
+    bool wasMissing = false;
 };

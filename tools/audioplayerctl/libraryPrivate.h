@@ -42,9 +42,14 @@ public:
     {
         const int rc = step_statement(db, stmt, name);
         if (rc != SQLITE_ROW && rc != SQLITE_DONE)
-            throw Failure(EXIT_FAILED, std::string("the database can't be read: ") + sqlite3_errmsg(db));
+            throw Failure(EXIT_FAILED,
+                          std::string(sqlite3_stmt_readonly(stmt) != 0 ? "the database can't be read: "
+                                                                       : "cannot write to the database: ") +
+                              sqlite3_errmsg(db));
         return rc == SQLITE_ROW;
     }
+    /** Puts it back to before its first row, so that it takes other values. */
+    void reset() { sqlite3_reset(stmt); }
     int number(int column) const { return sqlite3_column_int(stmt, column); }
     int64_t number64(int column) const { return sqlite3_column_int64(stmt, column); }
     bool isNull(int column) const { return sqlite3_column_type(stmt, column) == SQLITE_NULL; }

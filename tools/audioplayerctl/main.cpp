@@ -9,6 +9,7 @@
  * One thread, one command, then the end. What is asked for goes to stdout, warnings and failures to stderr.
  */
 
+#include "asPlayed.h"
 #include "automationCommands.h"
 #include "failure.h"
 #include "globals.h"
@@ -20,6 +21,7 @@
 #include <cstdio>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 
 namespace
 {
@@ -59,8 +61,8 @@ void listPlaylists(const Options& options)
     }
     printf("%5s %8s %9s  %s\n", "ID", "ENTRIES", "LENGTH", "NAME");
     for (const PlaylistRow& row : rows)
-        printf("%5d %8d %9s  %s%s\n", row.id, row.count, duration(row.lengthSeconds).c_str(), row.name.c_str(),
-               row.type == "STR_CART" ? " (cart)" : "");
+        printf("%5d %8d %9s  %s%s\n", row.id, row.count, duration(row.lengthSeconds).c_str(),
+               printable(row.name).c_str(), row.type == "STR_CART" ? " (cart)" : "");
 }
 
 void showPlaylist(const Options& options)
@@ -86,7 +88,7 @@ void showPlaylist(const Options& options)
         const std::optional<int64_t> seconds =
             row.rateHz > 0 ? std::optional<int64_t>(row.numFrames / row.rateHz) : std::nullopt;
         printf("%8d %9s %6s  %s\n", row.sequence, isJump ? "-" : duration(seconds).c_str(),
-               isJump ? "-" : std::to_string(row.rateHz).c_str(), row.path.c_str());
+               isJump ? "-" : std::to_string(row.rateHz).c_str(), printable(row.path).c_str());
     }
 }
 
@@ -97,7 +99,7 @@ void createPlaylist(const Options& options)
     if (options.isJson)
         print(Json({{"id", id}, {"name", options.playlist}}));
     else
-        printf("Created playlist %d \"%s\"\n", id, options.playlist.c_str());
+        printf("Created playlist %d \"%s\"\n", id, printable(options.playlist).c_str());
 }
 
 void addToPlaylist(const Options& options)
@@ -129,6 +131,7 @@ void start(const Options& options)
     Library library(options.database, Library::READ);
     const int id = library.findSource(options.source);
     library.expectSurvivable(id);
+    library.expectSomethingToPlay(id, options.host.empty());
     tellOfStreamStart(library, id);
     sendStart(options.control, id);
     printf("Asked the player to start source %d\n", id);
@@ -298,11 +301,20 @@ void addAutomationCommands(CLI::App& app, Options& options, std::function<void(c
     now->add_flag("--follow", options.isFollowed, "Go on with what comes, until interrupted");
 }
 
-/** --host names a machine for datagrams; the automation commands see by it that they are to go over TCP. */
-void shareHost(Options& options)
+/**
+ * --host names a machine for datagrams; the automation commands see by it that they are to go over TCP. The others work
+ * on this machine alone: they would answer for it as if for that one.
+ */
+void shareHost(const CLI::App& app, Options& options)
 {
-    if (!options.host.empty())
-        options.control.host = options.host;
+    if (options.host.empty())
+        return;
+    options.control.host = parseAutomationAddress(options.host).host;
+    static const std::set<std::string> REACHING = {"start", "stop",      "upload",     "delete",
+                                                   "play",  "as-played", "now-playing"};
+    const std::string command = app.get_subcommands().front()->get_name();
+    if (!REACHING.contains(command))
+        throw Failure(EXIT_USAGE, "\"" + command + "\" looks at this machine only: it can't be asked of --host");
 }
 
 } // namespace
@@ -334,7 +346,7 @@ int main(int argc, char** argv)
 
     try {
         app.parse(argc, argv);
-        shareHost(options);
+        shareHost(app, options);
         chosen(options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE; // help and version end here too

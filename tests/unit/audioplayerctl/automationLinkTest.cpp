@@ -29,7 +29,7 @@ TEST(AutomationAddress, HasThePlayersPortUnlessOneIsGiven)
 
 TEST(AutomationAddress, ThatMakesNoSenseIsAUsageError)
 {
-    for (const std::string text : {"", ":8500", "a:", "a:0", "a:65536", "a:-1", "a:8500x", "a: 1"}) {
+    for (const std::string text : {"", ":8500", "a:", "a:0", "a:65536", "a:-1", "a:8500x", "a: 1", "::1", "[::1]:8500"}) {
         try {
             parseAutomationAddress(text);
             ADD_FAILURE() << text;

@@ -43,6 +43,22 @@ TEST(M3uList, LineEndsBlanksAndTheByteOrderMarkGo)
     EXPECT_THAT(listed("\xef\xbb\xbf#EXTM3U\r\na\r\n"), ElementsAre("a"));
 }
 
+TEST(M3uList, ACarriageReturnAloneEndsALineToo)
+{
+    EXPECT_THAT(listed("#EXTM3U\ra\rb\r"), ElementsAre("a", "b"));
+}
+
+TEST(M3uList, Utf16IsRefused)
+{
+    EXPECT_EQ(statusOf([] {
+                  listed(std::string("\xff\xfe"
+                                     "a\0\n\0",
+                                     6));
+              }),
+              EXIT_REFUSED);
+    EXPECT_EQ(statusOf([] { listed(std::string("\xfe\xff\0a\0\n", 6)); }), EXIT_REFUSED);
+}
+
 TEST(M3uList, AByteOrderMarkIsOneAtTheBeginningOnly)
 {
     EXPECT_THAT(listed("a\n\xef\xbb\xbf"
