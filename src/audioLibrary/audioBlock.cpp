@@ -4,6 +4,7 @@
 
 #include "audioLibrary/audioBlock.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -163,6 +164,13 @@ void CAudioBlock::deleteAllBlocks()
     while (!allBlocks.empty()) {
         delete allBlocks.front();
     }
+}
+
+bool CAudioBlock::ownsPort(const CDownstreamPort* port)
+{
+    return std::any_of(allBlocks.begin(), allBlocks.end(), [port](const CAudioBlock* block) {
+        return std::find(block->downstream.begin(), block->downstream.end(), port) != block->downstream.end();
+    });
 }
 
 std::string CAudioBlock::printAllBlocks()

@@ -58,6 +58,9 @@ public:
     static std::string printAllBlocks();                  ///< "(%2d) " and the status of each
     static CAudioBlock* returnAudioBlock(unsigned int n); ///< the n-th from 0, or null
 
+    /** Whether a block that lives has this downstream port: a peer's pointer outlives its block. Only compares. */
+    static bool ownsPort(const CDownstreamPort* port);
+
 protected:
     std::vector<CUpstreamPort*> upstream;     ///< outputs, owned
     std::vector<CDownstreamPort*> downstream; ///< inputs, owned

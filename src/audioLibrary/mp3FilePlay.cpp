@@ -102,6 +102,13 @@ streamStatus CMp3FilePlayUSP::disconnect()
     return CUpstreamPort::disconnect();
 }
 
+void CMp3FilePlayUSP::forgetDeadPeer()
+{
+    if (downstream != nullptr && !CAudioBlock::ownsPort(downstream)) {
+        downstream = nullptr;
+    }
+}
+
 streamStatus CMp3FilePlayUSP::connectDownstream(CDownstreamPort* port, mutexObject* mutex)
 {
     AUDIO_TRACE_CALL();
@@ -143,7 +150,10 @@ CMp3FilePlay::CMp3FilePlay(std::string name) : CAudioFilePlay(std::move(name))
 CMp3FilePlay::~CMp3FilePlay()
 {
     AUDIO_TRACE_CALL();
-    (void)upstream[0]->disconnect(); // always STREAM_OK
+    // A player deletes its blocks oldest first, so the converter that reads this one may be gone.
+    auto* port = static_cast<CMp3FilePlayUSP*>(upstream[0]);
+    port->forgetDeadPeer();
+    (void)port->disconnect(); // always STREAM_OK
     forgetFile();
     delete[] workBuffer;
     delete[] mp3OutBuf;

@@ -41,6 +41,9 @@ public:
      * a chain does not undo what a file has configured since. Always STREAM_OK.
      */
     streamStatus disconnect() override;
+
+    /** Drops the pointer to a peer whose block has been deleted: ports do not tell each other of their end. */
+    void forgetDeadPeer();
     streamStatus connectDownstream(CDownstreamPort* port, mutexObject* mutex) override;
     /** CMp3FilePlay::reqReadPeriods(). */
     streamStatus reqReadPeriods(char*& pbuffer, unsigned int& nPeriods) override;

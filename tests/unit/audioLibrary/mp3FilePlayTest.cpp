@@ -1413,6 +1413,36 @@ TEST_F(Mp3File, ClosingIsHarmlessWithoutAFileAndFreesThePeriod)
     EXPECT_EQ(script.deleted, 1);
 }
 
+TEST_F(Mp3File, DestructionBehindTheReadersTouchesNothingOfTheReader)
+{
+    const std::string name = storeEncoded();
+    const size_t descriptorsBefore = openDescriptors();
+    auto mp3 = std::make_unique<OpenMp3>();
+    auto reader = std::make_unique<ReaderBlock>(2048);
+    ASSERT_EQ(mp3->setNewFile(name), STREAM_OK);
+    ASSERT_EQ(mp3->port().connectDownstream(reader->port(), nullptr), STREAM_OK);
+    EXPECT_TRUE(CAudioBlock::ownsPort(reader->port()));
+    const CDownstreamPort* const gone = reader->port();
+    reader.reset();
+    EXPECT_FALSE(CAudioBlock::ownsPort(gone));
+    static_cast<CMp3FilePlayUSP&>(mp3->port()).forgetDeadPeer();
+    EXPECT_FALSE(mp3->port().isConnected(nullptr));
+    mp3.reset();
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
+    EXPECT_EQ(script.deleted, 1);
+}
+
+TEST_F(Mp3File, PeerThatLivesIsNotForgotten)
+{
+    const std::string name = storeEncoded();
+    ReaderBlock reader(2048);
+    OpenMp3 mp3;
+    ASSERT_EQ(mp3.setNewFile(name), STREAM_OK);
+    ASSERT_EQ(mp3.port().connectDownstream(reader.port(), nullptr), STREAM_OK);
+    static_cast<CMp3FilePlayUSP&>(mp3.port()).forgetDeadPeer();
+    EXPECT_TRUE(mp3.port().isConnected(reader.port()));
+}
+
 TEST_F(Mp3File, DestructionDisconnectsAndClosesTheFile)
 {
     const std::string name = storeEncoded();
