@@ -260,12 +260,11 @@ class Peer:
 class ScriptedServer:
     """Calls `answer(peer)` for each connection; without a request within reach it is called all the same on close()."""
 
-    def __init__(self, daemon, answer, port=8000, real_time=False):
+    def __init__(self, daemon, answer, port=8000):
         self.answer = answer
         self.requests = []
         self.ending = threading.Event()
         self.failure = None
-        self._real_time = real_time
         self._connections = []
         self._listener = daemon.listen(port, backlog=64)
         self._listener.settimeout(0.2)
@@ -302,8 +301,7 @@ class ScriptedServer:
             number += 1
 
     def _serve(self, sock, number):
-        if self._real_time:
-            real_time_thread()
+        real_time_thread()
         peer = Peer(self, sock, number)
         try:
             peer.read_request()
@@ -433,9 +431,9 @@ class Icecast(RealServer):
         self._sources = {}
         self.start(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--", "icecast2", "-c", config])
 
-    def source(self, mount, audio, ppm=0.0, real_time=False):
+    def source(self, mount, audio, ppm=0.0):
         """A studio's encoder on this mount point; answers when the server has taken it."""
-        self._sources[mount] = IcecastSource(self.daemon, self.port, mount, audio, ppm, real_time)
+        self._sources[mount] = IcecastSource(self.daemon, self.port, mount, audio, ppm)
         return self._sources[mount]
 
     def silence(self, mount):
@@ -461,8 +459,8 @@ class Icecast(RealServer):
 class IcecastSource:
     """An encoder that sends MP3 frames to an Icecast server at real time, by a clock that may be off."""
 
-    def __init__(self, daemon, port, mount, audio, ppm=0.0, real_time=False):
-        self._audio, self._ppm, self._real_time = audio, ppm, real_time
+    def __init__(self, daemon, port, mount, audio, ppm=0.0):
+        self._audio = audio
         self._ending = threading.Event()
         self._sock = daemon.socket()
         self._sock.settimeout(10)
@@ -487,8 +485,7 @@ class IcecastSource:
             self._sock.close()
 
     def _run(self):
-        if self._real_time:
-            real_time_thread()
+        real_time_thread()
         while not self._ending.wait(TICK_SECONDS):
             try:
                 self._send_due()
