@@ -15,7 +15,7 @@ run_packages=(
   alsa-utils sox espeak-ng lame         # card look-up, demo material
   python3 python3-numpy                 # recording analysis
 )
-test_packages=(libgtest-dev libgmock-dev libmp3lame-dev lame python3-pytest python3-pytest-xdist iproute2 util-linux sqlite3 shellcheck
+test_packages=(libgtest-dev libgmock-dev libmp3lame-dev lame python3-pytest python3-pytest-xdist iproute2 util-linux sqlite3 shellcheck systemd
   icecast2 apache2-bin nginx-light lighttpd)  # servers of the stream tests
 bench_packages=(libbenchmark-dev libsamplerate0-dev libspeexdsp-dev libsoxr-dev libzita-resampler-dev gnuplot-nox)
 arm_packages=(g++-arm-linux-gnueabihf qemu-user-static)
