@@ -5,9 +5,10 @@
 
 A WAV file of noise is on air on the virtual card meanwhile. For each load: how many a second are done, the longest pass
 of the audio manager's loop (the time between two waits: audio is serviced once in a pass), the longest silence in the
-recording (the mixer's ring holds half a second: a longer pass is heard), and what bounds the figure. --directory is where the audio database stands: /dev/shm is
-memory; a path on the controller's own store shows what its syncs cost. $AUDIOPLAYER_BUILD names the build, with the
-benchmarks (cmake --preset bench), build/bench by default. Needs root for namespaces and real-time priority.
+recording (the mixer's ring holds half a second: a longer pass is heard), and what bounds the figure. --directory is
+where the audio database stands: /dev/shm is memory; a path on the controller's own store shows what its syncs cost.
+$AUDIOPLAYER_BUILD names the build, with the benchmarks (cmake --preset bench), build/bench by default. Needs root for
+namespaces and real-time priority.
 """
 import argparse
 import json
@@ -154,6 +155,8 @@ def main():
     parser.add_argument("--directory", default="/dev/shm")
     parser.add_argument("--json", action="store_true")
     arguments = parser.parse_args()
+    if not (BUILD / "bench" / "libpassTimer.so").exists():
+        sys.exit(f"no benchmarks in {BUILD}: cmake --preset bench && cmake --build --preset bench")
     with tempfile.TemporaryDirectory(dir=arguments.directory) as directory:
         bench = Bench(pathlib.Path(directory), arguments.seconds)
         with bench.daemon:

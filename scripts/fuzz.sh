@@ -20,6 +20,7 @@ case "${1-}" in
   --merge) merge=yes; shift ;;
   [0-9]*) seconds=$1; shift ;;
 esac
+[[ $seconds =~ ^[0-9]+$ ]] || { echo "$0: $seconds is no number of seconds" >&2; exit 2; }
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
   for source in tests/fuzz/*Fuzz.cpp; do
