@@ -62,6 +62,7 @@ bool has(const std::string& text, const char* header)
 
 CMp3ShoutcastPlayUSP::CMp3ShoutcastPlayUSP(CMp3ShoutcastPlay* parent) : CUpstreamPort(parent)
 {
+    AUDIO_TRACE_CALL();
     resetParams.nominalSampleRateStatus = VARIABLE;
     resetParams.nominalSampleRate = 44100.0F;
     resetParams.numChannelsStatus = VARIABLE;
@@ -75,10 +76,14 @@ CMp3ShoutcastPlayUSP::CMp3ShoutcastPlayUSP(CMp3ShoutcastPlay* parent) : CUpstrea
     resetPortParams();
 }
 
-CMp3ShoutcastPlayUSP::~CMp3ShoutcastPlayUSP() = default;
+CMp3ShoutcastPlayUSP::~CMp3ShoutcastPlayUSP()
+{
+    AUDIO_TRACE_CALL();
+}
 
 runTimeId CMp3ShoutcastPlayUSP::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MP3_SHOUTCAST_PLAY_USP;
 }
 
@@ -92,6 +97,7 @@ CMp3ShoutcastPlay* CMp3ShoutcastPlayUSP::block() const
 CMp3ShoutcastPlay::CMp3ShoutcastPlay(std::string name)
     : CAudioStreamPlay(std::move(name)), decodeStatus(MPG123_NEED_MORE)
 {
+    AUDIO_TRACE_CALL();
     MAX_US_PORTS = 1;
     fileStatus = FILE_OK;
     upstream.push_back(new CMp3ShoutcastPlayUSP(this));
@@ -112,6 +118,7 @@ CMp3ShoutcastPlay::~CMp3ShoutcastPlay()
 
 runTimeId CMp3ShoutcastPlay::getRunTimeId()
 {
+    AUDIO_TRACE_CALL();
     return MP3_SHOUTCAST_PLAY;
 }
 
@@ -175,6 +182,7 @@ const CShoutcastPlaylistItem* CMp3ShoutcastPlay::currentItem() const
 
 std::string CMp3ShoutcastPlay::printCurrentItem() const
 {
+    AUDIO_TRACE_CALL();
     const CShoutcastPlaylistItem* item = currentItem();
     if (item == nullptr) {
         return "Playlist is empty\n";
@@ -184,6 +192,7 @@ std::string CMp3ShoutcastPlay::printCurrentItem() const
 
 std::string CMp3ShoutcastPlay::printPlayList() const
 {
+    AUDIO_TRACE_CALL();
     if (playlist.empty()) {
         return "Playlist is empty\n";
     }

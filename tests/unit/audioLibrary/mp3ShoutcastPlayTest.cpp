@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <gmock/gmock.h>
 #include <limits>
 #include <mpg123.h>
@@ -529,6 +530,54 @@ TEST_F(Stream, DeletingItClosesWhatIsOpen)
     stream = nullptr;
     EXPECT_EQ(script.socketsOpen, 0);
     EXPECT_EQ(script.decodersOpen, 0);
+}
+
+TEST_F(Stream, CallTraceNamesEachOperation)
+{
+    // At level 9 an operation starts with its own signature, whatever it calls.
+    const auto first = [](const std::function<void()>& operation) { return traced(9, operation).at(0); };
+    CUpstreamPort& port = stream->port();
+    audioPortParam_t params = stream->params();
+    CServiceTime next;
+    char* buffer = nullptr;
+    unsigned int nPeriods = 0;
+    const std::pair<std::string, std::function<void()>> rows[] = {
+        {"Play::getRunTimeId()", [&] { (void)stream->getRunTimeId(); }},
+        {"Play::printBlockStatus()", [&] { (void)stream->printBlockStatus(); }},
+        {"Play::printCurrentItem() const", [&] { (void)stream->printCurrentItem(); }},
+        {"Play::printPlayList() const", [&] { (void)stream->printPlayList(); }},
+        {"Play::timeLeft()", [&] { (void)stream->timeLeft(); }},
+        {"Play::service(", [&] { (void)stream->service(next); }},
+        {"Play::openTopUrl(", [&] { (void)stream->openTopUrl(topUrl); }},
+        {"Play::connectShoutcast(", [&] { (void)stream->connectShoutcast(topUrl); }},
+        {"Play::disconnectShoutcast()", [&] { (void)stream->disconnectShoutcast(); }},
+        {"Play::allocateWorkBuffer()", [&] { (void)stream->allocateWorkBuffer(); }},
+        {"Play::reqReadPeriods(", [&] { (void)stream->reqReadPeriods(buffer, nPeriods); }},
+        {"Play::setNewTopUrl(", [&] { (void)stream->setNewTopUrl(topUrl); }},
+        {"PlayUSP::getRunTimeId()", [&] { (void)port.getRunTimeId(); }},
+        {"PlayUSP::reconfigPortApply(", [&] { (void)port.reconfigPortApply(&params); }},
+        {"PlayUSP::connectDownstream(", [&] { (void)port.connectDownstream(nullptr, nullptr); }},
+        {"PlayUSP::reqReadPeriods(", [&] { (void)port.reqReadPeriods(buffer, nPeriods); }},
+        {"PlayUSP::ackReadPeriods(", [&] { (void)port.ackReadPeriods(0); }},
+    };
+    for (const auto& [signature, operation] : rows) {
+        EXPECT_THAT(first(operation), AllOf(StartsWith("(9) "), HasSubstr("CMp3Shoutcast" + signature)));
+    }
+}
+
+TEST_F(Stream, CallTraceNamesConstructionAndDestruction)
+{
+    const auto tells = [](const char* signature) {
+        return Contains(AllOf(StartsWith("(9) "), HasSubstr(signature))).Times(1);
+    };
+    delete stream;
+    const Lines made = traced(9, [this] { stream = new OpenStream; });
+    EXPECT_THAT(made, tells("CMp3ShoutcastPlay::CMp3ShoutcastPlay("));
+    EXPECT_THAT(made, tells("CMp3ShoutcastPlayUSP::CMp3ShoutcastPlayUSP("));
+    const Lines gone = traced(9, [this] { delete stream; });
+    EXPECT_THAT(gone, tells("CMp3ShoutcastPlay::~CMp3ShoutcastPlay()"));
+    EXPECT_THAT(gone, tells("CMp3ShoutcastPlayUSP::~CMp3ShoutcastPlayUSP()"));
+    stream = nullptr;
 }
 
 TEST_F(Stream, StatesOfTheOtherHalfDoNothing)
@@ -1376,7 +1425,9 @@ protected:
     }
     void TearDown() override
     {
-        (void)stream->port().disconnect();
+        if (stream != nullptr) {
+            (void)stream->port().disconnect();
+        }
         StreamFormat::TearDown(); // deletes the sink
     }
     literal::Sink* sink = nullptr;
@@ -1425,6 +1476,20 @@ TEST_F(StreamOnAConnectedPort, SixteenBitsPassOnAPortOfEight)
     expectReady("(1) Stream parameters: 44100 Hz, 2 channels, 208 encoding");
     of(44100, 2, 0x82);
     expectReady("(1) Stream parameters: 44100 Hz, 2 channels, 130 encoding");
+}
+
+// A player deletes its blocks oldest first, and a stream is younger than what reads it.
+TEST_F(StreamOnAConnectedPort, DestructionBehindTheReaderTouchesNothingOfTheReader)
+{
+    const CDownstreamPort* const gone = &sink->port();
+    delete sink;
+    EXPECT_FALSE(CAudioBlock::ownsPort(gone));
+    EXPECT_EQ(script.decodersOpen, 1);
+    EXPECT_EQ(script.socketsOpen, 1);
+    delete stream;
+    EXPECT_EQ(script.decodersOpen, 0);
+    EXPECT_EQ(script.socketsOpen, 0);
+    stream = nullptr;
 }
 
 TEST_F(StreamOnAConnectedPort, AnEncodingWithoutASampleFormatPasses)
