@@ -8,8 +8,9 @@ import subprocess
 
 import pytest
 
-from streamServers import (BAD_REQUEST, HEADER, ICY_HEADER, SHOUTCAST_REFUSAL, ScriptedServer, heard, http_answer, m3u, pls,
-                           tone, xspf)
+import test_stream_servers as real_servers
+from streamServers import (BAD_REQUEST, HEADER, ICY_HEADER, SHOUTCAST_REFUSAL, Icecast, ScriptedServer, heard, http_answer,
+                           m3u, pls, tone, xspf)
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("AUDIOPLAYER_BUILD") or ROOT / "build" / "release").resolve()
@@ -378,6 +379,28 @@ def test_the_player_does_what_the_probe_has_said(station, audio, first, entry, h
         result = station.daemon.run(TOOL, "stream", "probe", URL + "live")
         said = {DONE: True, REFUSED: "ends" if "PROCESS WOULD END" in result.stderr else False}[result.returncode]
         assert live(station, URL + "live") == said
+
+
+def expect_rows(daemon, name, running):
+    """A probe says of each row of the table in docs/streams.md what the table says."""
+    wrong = []
+    for path, first_line, content_type, verdict in real_servers.rows_of(name):
+        found = json.loads(daemon.run(TOOL, "stream", "probe", running.url(path), "--json").stdout)
+        if (found["answer"], found["content_type"], found["plays"]) != (first_line, content_type, verdict):
+            wrong.append((path, found))
+    assert not wrong
+
+
+@pytest.mark.parametrize("name", ["Icecast 2.4", *real_servers.WEB_SERVERS])
+def test_a_probe_says_of_real_servers_what_the_table_says(daemon, audio, name):
+    with Icecast(daemon, real_servers.STREAM_PORT, files=real_servers.FILES) as stream:
+        for mount in ("live.mp3", "Upper.mp3"):
+            stream.source(mount, audio)
+        if name == "Icecast 2.4":
+            expect_rows(daemon, name, stream)
+            return
+        with real_servers.WEB_SERVERS[name](daemon) as web:
+            expect_rows(daemon, name, web)
 
 
 # ---- the shell
