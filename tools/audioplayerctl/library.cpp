@@ -68,7 +68,8 @@ Library::InspectedFile Library::jumpEntry(const std::string& path)
 
 // ---- opening
 
-Library::Library(const std::string& filename, access_e access)
+// It delegates, so that the destructor closes what a constructor that throws has opened.
+Library::Library(const std::string& filename, access_e access) : Library()
 {
     const bool isThere = fs::exists(filename);
     if (!isThere && access != CREATE)

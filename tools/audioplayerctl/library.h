@@ -175,6 +175,8 @@ public:
     void clearAsPlayed();
 
 private:
+    Library() = default;
+
     class Query;
     class Transaction;
     struct InspectedFile;
