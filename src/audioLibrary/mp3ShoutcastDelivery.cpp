@@ -255,7 +255,12 @@ streamStatus CMp3ShoutcastPlay::decodePeriod()
 {
     while (!isPeriodComplete()) {
         if (decodeIntoWorkBuffer() != 0 || decodeStatus != MPG123_NEED_MORE) {
+            hoardedBytes = 0;
             continue;
+        }
+        if (decoderHoards()) {
+            tellHoard();
+            return lose(FAILED_TO_OPEN_PLAYLIST_ITEM);
         }
         const streamStatus status = readStream();
         if (status != STREAM_OK || newInBytes == 0) {
@@ -280,6 +285,17 @@ void CMp3ShoutcastPlay::feedDecoder()
 {
     size_t numBytes = 0;
     decodeStatus = mpg123_decode(mh, mp3InBuf, static_cast<size_t>(newInBytes), mp3OutBuf, 0, &numBytes);
+    hoardedBytes += static_cast<uint32_t>(newInBytes);
+}
+
+bool CMp3ShoutcastPlay::decoderHoards() const
+{
+    return hoardedBytes > maxHoardedBytes;
+}
+
+void CMp3ShoutcastPlay::tellHoard() const
+{
+    fprintf(stderr, "no audio in %u bytes of the stream\n", hoardedBytes);
 }
 
 /** Reads what the socket has, and decides what becomes of a stream that it has nothing of. */

@@ -170,6 +170,7 @@ void CMp3ShoutcastPlay::closeDecoder()
         (void)mpg123_close(mh); // always succeeds on a decoder that is fed
         mpg123_delete(mh);
         mh = nullptr;
+        hoardedBytes = 0;
     }
 }
 
@@ -657,13 +658,25 @@ streamStatus CMp3ShoutcastPlay::searchFormat()
         return STREAM_OK;
     }
     if (decodeStatus == MPG123_NEED_MORE) {
-        return STREAM_OK;
+        hoardedBytes += static_cast<uint32_t>(numBytes);
+        return waitForFormat();
     }
     fprintf(stderr, "Could not feed mpg123: read %zu Bytes %d from file%d - %s\n", numDecoded, bytesRecieved,
             mpg123Status, mpg123_plain_strerror(mpg123Status));
     (void)disconnectShoutcast(); // always STREAM_OK
     become(FAILED_TO_OPEN_CONNECTION);
     return STREAM_ERROR;
+}
+
+/** Stays, unless the decoder has been fed too much for nothing: then the entry is passed over. */
+streamStatus CMp3ShoutcastPlay::waitForFormat()
+{
+    if (decoderHoards()) {
+        tellHoard();
+        (void)disconnectShoutcast(); // always STREAM_OK
+        become(FAILED_TO_OPEN_CONNECTION);
+    }
+    return STREAM_OK;
 }
 
 streamStatus CMp3ShoutcastPlay::stepParsePortParams()

@@ -172,6 +172,13 @@ protected:
     timespec nodata_start = {};              ///< the first empty read of a gap; zero when there is no gap
     timespec nodata_stop = {};               ///< the latest empty read of a gap
     timespec idle_time = {};                 ///< length of the gap so far
+    uint32_t hoardedBytes = 0;               ///< fed to the decoder since it last gave anything, an error included
+
+    /**
+     * Compressed bytes that the decoder may keep to itself. It gathers a tag whole before it passes it over, and a tag
+     * may claim 256 MB; no cover picture comes near this.
+     */
+    static constexpr uint32_t maxHoardedBytes = 16 * 1024 * 1024;
 
     /** One step of the states from OPEN_CONNECTION to CALL_OPEN_PLAY_LIST_ITEM towards the playlist at `pUrl`. */
     streamStatus openTopUrl(std::string pUrl);
@@ -217,6 +224,7 @@ private:
     streamStatus refuseDecoder(const char* what);
     bool findHeaderEnd(unsigned int& i) const;
     streamStatus searchFormat();
+    streamStatus waitForFormat();
     bool configureFreePort();
     bool portFitsStream() const;
 
@@ -238,6 +246,8 @@ private:
     void countEmptyRead();
     void endGap();
     void feedDecoder();
+    bool decoderHoards() const;
+    void tellHoard() const;
 };
 
 } // namespace audioLibrarySpace

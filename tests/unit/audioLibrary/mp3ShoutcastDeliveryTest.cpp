@@ -160,6 +160,7 @@ public:
     using CMp3ShoutcastPlay::decodedBytes;
     using CMp3ShoutcastPlay::decodeStatus;
     using CMp3ShoutcastPlay::fileStatus;
+    using CMp3ShoutcastPlay::hoardedBytes;
     using CMp3ShoutcastPlay::idle_time;
     using CMp3ShoutcastPlay::isShoutcastConnected;
     using CMp3ShoutcastPlay::mh;
@@ -939,6 +940,70 @@ TEST_F(ShoutcastTest, DecoderThatGivesErrorsAndNoOutputHoldsThePull)
         EXPECT_THAT(network.events, ElementsAre("read 2048")) << "asked of the socket only when the decoder wants more";
         EXPECT_THAT(lines, IsEmpty()) << "an error of the decoder is not told";
     }
+}
+
+/** What announces a tag of `numBytes`, seven bits a byte. */
+bytes tagHeader(uint32_t numBytes)
+{
+    bytes header = {'I', 'D', '3', 3, 0, 0};
+    for (const int shift : {21, 14, 7, 0}) {
+        header.push_back(static_cast<unsigned char>(numBytes >> shift & 0x7F));
+    }
+    return header;
+}
+
+TEST_F(ShoutcastTest, TagThatClaimsMoreThanTheMemoryIsGivenUpAtSixteenMegabytes)
+{
+    list(2);
+    becomeReady();
+    network.recording = false;
+    decoder.recording = false;
+    arrives(tagHeader(0x0FFFFFFF));
+    arrives(bytes(2048 - 10, 0));
+    for (int reads = 1; reads < 16 * 1024 * 1024 / 2048; reads++) {
+        arrives(bytes(2048, 0));
+    }
+    expectNothing(STREAM_OK); // all of it taken
+    EXPECT_EQ(stream->hoardedBytes, 16777216U);
+    arrives(bytes(1, 0));
+    testing::internal::CaptureStderr();
+    expectNothing(LOST_CONNECTION_TO_SERVER);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("no audio in 16777217 bytes of the stream\n"));
+    EXPECT_EQ(stream->connectState, state::FAILED_TO_OPEN_PLAYLIST_ITEM);
+    EXPECT_EQ(stream->mh, nullptr);
+    EXPECT_EQ(stream->hoardedBytes, 0U);
+    EXPECT_EQ(service(), STREAM_OK);
+    EXPECT_THAT(lines, ElementsAre("(0) Trying next shoutcast playlist item: Title 1"));
+}
+
+TEST_F(ShoutcastTest, TagWithALargePictureIsPassedOver)
+{
+    becomeReady();
+    constexpr uint32_t tagBytes = 1000000;
+    bytes sent = tagHeader(tagBytes);
+    sent.resize(sent.size() + tagBytes, 0);
+    arrives(sent);
+    expectNothing(STREAM_OK);
+    EXPECT_GE(stream->hoardedBytes, tagBytes);
+    arrives(material());
+    EXPECT_EQ(pull(), STREAM_OK);
+    EXPECT_EQ(nPeriods, 1U);
+    EXPECT_LT(stream->hoardedBytes, 4096U); // audio counts from its own
+}
+
+TEST_F(ShoutcastTest, GarbageIsNoHoardHoweverMuchOfItComes)
+{
+    becomeReady();
+    arrives(material());
+    while (pull() == STREAM_OK && nPeriods != 0) {
+    }
+    stream->hoardedBytes = 16777216 - 80000;
+    arrives(bytes(400000, 0x11)); // the decoder says that it found no frame, time and again
+    testing::internal::CaptureStderr();
+    expectNothing(STREAM_OK);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), Not(HasSubstr("no audio in")));
+    EXPECT_LT(stream->hoardedBytes, 80000U);
+    EXPECT_TRUE(stream->isShoutcastConnected);
 }
 
 TEST_F(ShoutcastTest, ChangeOfFormatWithinTheStreamLeavesThePortAsItIs)

@@ -245,6 +245,7 @@ struct OpenStream : CMp3ShoutcastPlay {
     using CMp3ShoutcastPlay::fileStatus;
     using CMp3ShoutcastPlay::fnum;
     using CMp3ShoutcastPlay::headerBytes;
+    using CMp3ShoutcastPlay::hoardedBytes;
     using CMp3ShoutcastPlay::idle_time;
     using CMp3ShoutcastPlay::isShoutcastConnected;
     using CMp3ShoutcastPlay::MAX_US_PORTS;
@@ -1339,6 +1340,17 @@ TEST_F(Stream, GetPortParamsGivesUpWhatTheDecoderRefuses)
         EXPECT_EQ(stream->decodeStatus, result);
         script.reads.clear();
     }
+}
+
+TEST_F(Stream, GetPortParamsPassesOverAnEntryThatFeedsTheDecoderForNothing)
+{
+    withDecoder(S::GET_PORT_PARAMS).hoardedBytes = 16777216 - 2048;
+    script.reads = {{std::string(2049, '\0')}};
+    script.decode = {MPG123_NEED_MORE, MPG123_NEED_MORE};
+    expectStep({STREAM_OK, S::GET_PORT_PARAMS, gettingMore}); // 16 MB are not too much
+    expectStep({STREAM_OK, S::FAILED_TO_OPEN_CONNECTION, gettingMore, "no audio in 16777217 bytes of the stream\n"});
+    EXPECT_THAT(script.calls, ElementsAre("read 2048", "read 2048", "delete", "close"));
+    EXPECT_EQ(stream->hoardedBytes, 0U); // the next decoder starts without
 }
 
 TEST_F(Stream, GetPortParamsReadsOnlyForADecoderThatWantsMore)
