@@ -958,11 +958,10 @@ TEST_F(ShoutcastTest, TagThatClaimsMoreThanTheMemoryIsGivenUpAtSixteenMegabytes)
     becomeReady();
     network.recording = false;
     decoder.recording = false;
+    stream->hoardedBytes = 16777216 - 4096; // the rest, without the time that it takes
     arrives(tagHeader(0x0FFFFFFF));
     arrives(bytes(2048 - 10, 0));
-    for (int reads = 1; reads < 16 * 1024 * 1024 / 2048; reads++) {
-        arrives(bytes(2048, 0));
-    }
+    arrives(bytes(2048, 0));
     expectNothing(STREAM_OK); // all of it taken
     EXPECT_EQ(stream->hoardedBytes, 16777216U);
     arrives(bytes(1, 0));
