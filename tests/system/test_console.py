@@ -65,9 +65,12 @@ def bench(station):
 
 @pytest.fixture
 def on_air(bench):
+    """The bench with its playlist on air, and all said that a start says: by the console, the player, the card's thread."""
     bench.type("start 1\n")
     bench.wait_log(r"Active chain started$")
+    bench.wait_output(rf"(?:{PROMPT}[\s\S]*){{3}}")
     bench.wait_output(r"Rates 44100\.000000 Hz => 48000\.000000 Hz Ratio: 0\.918750, 2 channels\n")
+    bench.wait_output(r"ALSA Playback getting real-time priority\.{4}\n[\s\S]*^(?:Success!|Failed!).*\n")
     return bench
 
 
