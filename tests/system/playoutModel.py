@@ -291,8 +291,8 @@ def explain(recording, paths, filter_path, lead_in=PRE_BUFFER):
 
 
 def widen(frames):
-    """16-bit samples as the card gets them: two 32-bit channels, a mono one doubled."""
-    return np.repeat(frames << 16, 3 - frames.shape[1], axis=1).astype(np.int32)
+    """16-bit samples as the card gets them: two 32-bit channels, a mono one doubled; the mixer's range is symmetric."""
+    return np.repeat(np.maximum(frames << 16, -0x7FFFFFFF), 3 - frames.shape[1], axis=1).astype(np.int32)
 
 
 def _matches(recording, position, expected):
