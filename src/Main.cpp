@@ -9,27 +9,17 @@
 #include "AudioService.h"
 #include "AutomationAPI.h"
 #include "Heartbeat.h"
+#include "audioLibrary/audioTypes.h"
 #include "globals.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace
 {
-
-/** A decimal number of the command line, saturating at 32 bits as `long` is on the controller. */
-int numberOf(const char* text)
-{
-    const long value = strtol(text, nullptr, 10);
-    return static_cast<int>(
-        std::clamp<long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
-}
 
 /** Whether the argument begins with the two letters of `option`; what follows them is not looked at. */
 bool isOption(const char* argument, const char* option)
@@ -83,12 +73,12 @@ void readCommandLine(int argc, char* argv[])
     int index = 1;
     while (remaining > 1) {
         if (isOption(argv[index], "-t")) {
-            log_level = numberOf(argv[index + 1]);
+            log_level = audioLibrarySpace::saturatingDecimal(argv[index + 1]);
             printf("Tracelevel: %d\n", log_level);
             remaining -= 2;
             index += 2;
         } else if (isOption(argv[index], "-p")) {
-            port_number = numberOf(argv[index + 1]);
+            port_number = audioLibrarySpace::saturatingDecimal(argv[index + 1]);
             printf("Port:       %d\n", port_number);
             remaining -= 2;
             index += 2;

@@ -4,8 +4,10 @@
 
 #include "audioLibrary/audioTypes.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 
 namespace audioLibrarySpace
@@ -137,6 +139,13 @@ int32_t saturatingToInt(float value)
 int32_t saturatingToInt(double value)
 {
     return saturate<int32_t>(value);
+}
+
+int32_t saturatingDecimal(const char* text)
+{
+    const long value = strtol(text, nullptr, 10);
+    return static_cast<int32_t>(
+        std::clamp<long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
 }
 
 } // namespace audioLibrarySpace

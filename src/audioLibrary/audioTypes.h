@@ -163,4 +163,7 @@ uint32_t saturatingToUnsigned(double value); ///< the same for a double
 int32_t saturatingToInt(float value);        ///< the same, signed
 int32_t saturatingToInt(double value);       ///< the same for a double
 
+/** strtol() in base 10 with the range of the target's 32-bit `long`, on every machine. `text` is not null. Any thread. */
+int32_t saturatingDecimal(const char* text);
+
 } // namespace audioLibrarySpace

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <limits>
 #include <memory>
 
 namespace audioLibrarySpace
@@ -23,14 +21,6 @@ constexpr size_t maxFieldBytes = 4096; ///< of an entry's text; no more of a URL
 char lowered(char letter)
 {
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-}
-
-/** strtol() in base 10 with the range of 32 bits, on every machine. */
-int32_t decimalNumber(const std::string& text)
-{
-    const long value = std::strtol(text.c_str(), nullptr, 10);
-    return static_cast<int32_t>(
-        std::clamp<long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
 }
 
 /** Cuts a URL through its "://", and answers where that stood: there the search for what ends the host begins. */
@@ -111,7 +101,7 @@ uint16_t extractPort(std::string url)
         return httpPort;
     }
     const std::string behind = url.substr(colon + 1);
-    return static_cast<uint16_t>(decimalNumber(behind.substr(0, behind.find('/')))); // the low 16 bits
+    return static_cast<uint16_t>(saturatingDecimal(behind.substr(0, behind.find('/')).c_str())); // the low 16 bits
 }
 
 std::string extractPath(std::string url)
@@ -197,7 +187,8 @@ bool parsePls(std::string& text, shoutcastPlaylist& playlist, int* pTraceLevel)
         std::fputs("Play list has no server entries\n", stderr);
         return false;
     }
-    const int32_t numEntries = std::clamp(decimalNumber(text.substr(countAt + countKey.size())), 0, maxPlsEntries);
+    const int32_t numEntries =
+        std::clamp(saturatingDecimal(text.c_str() + countAt + countKey.size()), 0, maxPlsEntries);
     clearPlaylist(playlist);
     for (int32_t i = 0; i < numEntries; i++) {
         AUDIO_TRACE_PRINTF(3, "Entry %d\n", i);

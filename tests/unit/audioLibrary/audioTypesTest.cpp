@@ -213,4 +213,22 @@ TEST(Saturating, NotANumberIsZero)
     EXPECT_EQ(saturatingToUnsigned(std::numeric_limits<double>::quiet_NaN()), 0U);
 }
 
+TEST(SaturatingDecimal, ReadsADecimalNumberAndStopsAtTheFirstOtherCharacter)
+{
+    EXPECT_EQ(saturatingDecimal("42"), 42);
+    EXPECT_EQ(saturatingDecimal("  -7x"), -7);
+    EXPECT_EQ(saturatingDecimal("0x10"), 0);
+    EXPECT_EQ(saturatingDecimal(""), 0);
+    EXPECT_EQ(saturatingDecimal("ten"), 0);
+}
+
+TEST(SaturatingDecimal, EndsWhereTheTargetsLongEnds)
+{
+    EXPECT_EQ(saturatingDecimal("2147483647"), 2147483647);
+    EXPECT_EQ(saturatingDecimal("2147483648"), 2147483647);
+    EXPECT_EQ(saturatingDecimal("99999999999999999999"), 2147483647);
+    EXPECT_EQ(saturatingDecimal("-2147483648"), -2147483647 - 1);
+    EXPECT_EQ(saturatingDecimal("-2147483649"), -2147483647 - 1);
+}
+
 } // namespace
