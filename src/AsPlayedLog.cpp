@@ -1,16 +1,14 @@
 #include "AsPlayedLog.h"
 
+#include "audioLibrary/audioTypes.h"
 #include "globals.h"
 #include "sqlite3Wrapper.h"
 #include "xmlText.h"
 
-#include <algorithm>
 #include <cassert>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <tinyxml.h>
 
 namespace
@@ -59,14 +57,6 @@ const char* columnText(sqlite3_stmt* row, int column, const char* otherwise)
 {
     const unsigned char* text = sqlite3_column_text(row, column);
     return text == nullptr ? otherwise : reinterpret_cast<const char*>(text);
-}
-
-/** A decimal number, saturating at 32 bits as `long` is on the controller. */
-int numberOf(const char* text)
-{
-    const long value = strtol(text, nullptr, 10);
-    return static_cast<int>(
-        std::clamp<long>(value, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
 }
 
 bool isYes(const TiXmlAttribute& attribute)
@@ -161,8 +151,8 @@ int CAsPlayedLog::writeToDb()
     if (trimLog() == 0)
         return result;
 
-    auto* trimmed =
-        new asPlayedLogEntry(0, 0, 0, AS_PLAYED_LOG_ENTRY_TYPE_LOG_TRIMMED, AS_PLAYED_LOG_STATUS_STARTED, 100);
+    auto* trimmed = new asPlayedLogEntry(0, 0, 0, AS_PLAYED_LOG_ENTRY_TYPE_LOG_TRIMMED, AS_PLAYED_LOG_STATUS_STARTED,
+                                         AS_PLAYED_LOG_TX_STATUS);
     snprintf(trimmed->desc, sizeof trimmed->desc, "%s", entryDesc);
     addEntry(trimmed);
     const int trimmedResult = writeEntries();
@@ -331,7 +321,7 @@ void CAsPlayedLog::readParameters(const TiXmlElement& parameters)
     for (const TiXmlAttribute* attribute = parameters.FirstAttribute(); attribute != nullptr;
          attribute = attribute->Next()) {
         if (cmpIStr(attribute->Name(), "maxLogEntries") == 0)
-            paramsMaxLogEntries = numberOf(attribute->Value());
+            paramsMaxLogEntries = audioLibrarySpace::saturatingDecimal(attribute->Value());
         else if (cmpIStr(attribute->Name(), "delete") == 0)
             paramsDelete = isYes(*attribute);
         else if (cmpIStr(attribute->Name(), "enablePlayingNow") == 0)

@@ -36,9 +36,6 @@ constexpr int UPLOADED_PLAYLIST_SEQUENCE = PlaylistItem::RESERVED_ID + 1;
 /** Before the first item of an upload, which so gets 2. */
 constexpr unsigned int SEQUENCE_BEFORE_UPLOAD = 1;
 
-/** Status of the transmit side, the same in all entries of the as-played log. */
-constexpr int TX_STATUS = 100;
-
 /** The value of the attribute, of the last one where several differ by case alone; null if there is none. Not owned. */
 const char* findAttribute(const TiXmlElement& element, const char* name)
 {
@@ -311,9 +308,9 @@ void AutomationAPI::sendPlayingNowTransaction(PlaylistItem* pli)
     db->getPlaylist(pli->getPlaylistID(), playlist);
 
     asPlayedLog->clearAllEntries(); // also what waits unwritten
-    asPlayedLog->addEntry(
-        new asPlayedLogEntry(pli->getItemID(), playlist.getPlaylistID(), static_cast<int>(pli->getPlaylistItemID()),
-                             AS_PLAYED_LOG_ENTRY_TYPE_START_ITEM, AS_PLAYED_LOG_STATUS_STARTED, TX_STATUS));
+    asPlayedLog->addEntry(new asPlayedLogEntry(
+        pli->getItemID(), playlist.getPlaylistID(), static_cast<int>(pli->getPlaylistItemID()),
+        AS_PLAYED_LOG_ENTRY_TYPE_START_ITEM, AS_PLAYED_LOG_STATUS_STARTED, AS_PLAYED_LOG_TX_STATUS));
     (void)asPlayedLog->writeToDb(); // logged there; what is on air goes on
 
     if (asPlayedLog->isPlayingNowEnabled()) {
