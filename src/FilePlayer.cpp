@@ -6,6 +6,7 @@
 #include "ByteArray.h"
 #include "Playlist.h"
 #include "globals.h"
+#include "playerGraph.h"
 
 #include "audioLibrary/alsaSource.h"
 #include "audioLibrary/mixerBlock.h"
@@ -35,17 +36,7 @@ constexpr int32_t timeRemainingConnectThreshold =
     3000; ///< ms; a standby chain still unconnected is filled from here on
 [[maybe_unused]] constexpr int32_t timeRemainingStartThreshold = 75; ///< ms; read by nothing
 
-constexpr int32_t longestServiceWaitNs = 500000000; ///< how long the blocks may leave the player alone
 constexpr useconds_t unplayableEntryPauseUs = 500000;
-
-constexpr int mixerPeriods = 180; ///< length of the mixer's ring
-
-// What the card is opened for.
-constexpr unsigned int cardChannels = 2;
-constexpr float cardSampleRate = 48000.0F; ///< Hz
-constexpr unsigned int cardPeriods = 18;
-constexpr unsigned int cardPeriodSize = 256; ///< frames
-constexpr const char* cardDevice = "plughw:0,0";
 
 constexpr float placeHolderRate = 44100.0F; ///< Hz, of the tones that hold the place of the first two files
 
@@ -548,13 +539,12 @@ CAudioPlay* FilePlayer::createWavFilePlayer(PlaylistItem& playlist_item)
 
 void FilePlayer::writeMissingItem(PlaylistItem& playlist_item)
 {
-    constexpr int txStatus = 100; // all entries carry it
     Playlist playlist;
     getAudioDatabase()->getPlaylist(playlist_item.getPlaylistID(), playlist);
     asPlayedLog->clearAllEntries();
     asPlayedLog->addEntry(new asPlayedLogEntry(
         playlist_item.getItemID(), playlist.getPlaylistID(), static_cast<int>(playlist_item.getPlaylistItemID()),
-        AS_PLAYED_LOG_ENTRY_TYPE_MISSING_PLAYLIST_ITEM, AS_PLAYED_LOG_STATUS_STARTED, txStatus));
+        AS_PLAYED_LOG_ENTRY_TYPE_MISSING_PLAYLIST_ITEM, AS_PLAYED_LOG_STATUS_STARTED, AS_PLAYED_LOG_TX_STATUS));
     (void)asPlayedLog->writeToDb(); // reports its own failures
 }
 

@@ -2,6 +2,7 @@
 
 #include "ByteArray.h"
 #include "globals.h"
+#include "playerGraph.h"
 
 #include "audioLibrary/alsaSource.h"
 #include "audioLibrary/livewireStreamPlay.h"
@@ -13,17 +14,6 @@ using namespace audioLibrarySpace;
 
 namespace
 {
-
-constexpr int32_t longestServiceWaitNs = 500000000; ///< how long the blocks may leave the player alone
-
-constexpr int mixerPeriods = 180; ///< length of the mixer's ring
-
-// What the card is opened for, the same as for files.
-constexpr unsigned int cardChannels = 2;
-constexpr float cardSampleRate = 48000.0F; ///< Hz
-constexpr unsigned int cardPeriods = 18;
-constexpr unsigned int cardPeriodSize = 256; ///< frames
-constexpr const char* cardDevice = "plughw:0,0";
 
 // The wait for an internet stream: 100 seconds in all.
 constexpr int connectTurns = 10000;
@@ -171,6 +161,21 @@ streamStatus StreamPlayer::createPlayerChain()
     return STREAM_OK;
 }
 
+streamStatus StreamPlayer::connectPlayerBlock()
+{
+    streamStatus sstatus = playerChain->addAudioBlock(playerBlock, 0);
+    if (sstatus != STREAM_OK) {
+        LogEvent(LOG_DEBUG, "%s %d: Cannot add player block to player chain", __FILE__, __LINE__);
+        return sstatus;
+    }
+    sstatus = playerChain->connectChain();
+    if (sstatus != STREAM_OK) {
+        LogEvent(LOG_DEBUG, "%s %d: Cannot connect player chain", __FILE__, __LINE__);
+        return sstatus;
+    }
+    return STREAM_OK;
+}
+
 PlayerStatus StreamPlayer::start()
 {
     LogEvent(LOG_DEBUG, "%s %d StreamPlayer::start", __FILE__, __LINE__); // sic: no colon
@@ -267,17 +272,7 @@ streamStatus LivewirePlayer::createPlayerChain()
         LogEvent(LOG_DEBUG, "%s %d: Cannot create player block", __FILE__, __LINE__);
         return sstatus;
     }
-    sstatus = playerChain->addAudioBlock(playerBlock, 0);
-    if (sstatus != STREAM_OK) {
-        LogEvent(LOG_DEBUG, "%s %d: Cannot add player block to player chain", __FILE__, __LINE__);
-        return sstatus;
-    }
-    sstatus = playerChain->connectChain();
-    if (sstatus != STREAM_OK) {
-        LogEvent(LOG_DEBUG, "%s %d: Cannot connect player chain", __FILE__, __LINE__);
-        return sstatus;
-    }
-    return STREAM_OK;
+    return connectPlayerBlock();
 }
 
 streamStatus LivewirePlayer::createPlayerBlock()
@@ -323,17 +318,7 @@ streamStatus ShoutcastPlayer::createPlayerChain()
     // sic: the same words again, of the source block this time
     LogEvent(LOG_DEBUG, "%s %d: ShoutcastPlayer::createPlayerChain - Player chain created by StreamPlayer", __FILE__,
              __LINE__);
-    sstatus = playerChain->addAudioBlock(playerBlock, 0);
-    if (sstatus != STREAM_OK) {
-        LogEvent(LOG_DEBUG, "%s %d: Cannot add player block to player chain", __FILE__, __LINE__);
-        return sstatus;
-    }
-    sstatus = playerChain->connectChain();
-    if (sstatus != STREAM_OK) {
-        LogEvent(LOG_DEBUG, "%s %d: Cannot connect player chain", __FILE__, __LINE__);
-        return sstatus;
-    }
-    return STREAM_OK;
+    return connectPlayerBlock();
 }
 
 streamStatus ShoutcastPlayer::createPlayerBlock()

@@ -59,6 +59,8 @@ protected:
     audioLibrarySpace::streamStatus createSourceChain();
     /** The source chain, then the player chain of the derived class. */
     audioLibrarySpace::streamStatus createChains();
+    /** Puts the source block at the head of the player chain and connects it. */
+    audioLibrarySpace::streamStatus connectPlayerBlock();
     /**
      * The common course of the derived constructors, which are the only callers: PLAYER_READY; PLAYER_NOT_INITIALIZED
      * without blocks; PLAYER_ERROR when a chain or the source could not be had. Neither of these two has blocks.
