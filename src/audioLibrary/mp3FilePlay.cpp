@@ -1,10 +1,11 @@
 #include "audioLibrary/mp3FilePlay.h"
 
+#include "audioLibrary/mp3Decoding.h"
+
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <mpg123.h>
-#include <new>
 #include <unistd.h>
 #include <utility>
 
@@ -15,33 +16,6 @@ namespace
 {
 
 constexpr uint32_t filePeriodSize = 2048; ///< frames; only a wish, the reader decides
-constexpr long libraryVerbosity = 9;      ///< the decoder tells all that it has to say, on the error stream
-constexpr long outputScale = 32767;       ///< full scale of the output; the decoder's own would be 32768
-
-/** A buffer that is asked for in a constructor: without memory the block lives on, and opens nothing. */
-unsigned char* newBuffer(uint32_t numBytes)
-{
-    auto* buffer = new (std::nothrow) unsigned char[numBytes];
-    if (buffer == nullptr) {
-        std::fputs("out of memory\n", stderr);
-    }
-    return buffer;
-}
-
-/** The format that an encoding of the decoder goes out as; SAMPLE_UNKNOWN for one that has none. */
-sampleFormat_e formatOfEncoding(int encoding)
-{
-    switch (encoding) {
-    case MPG123_ENC_SIGNED_8:
-    case MPG123_ENC_SIGNED | MPG123_ENC_8:
-        return SAMPLE_S8BIT;
-    case MPG123_ENC_SIGNED_16:
-    case MPG123_ENC_SIGNED | MPG123_ENC_16:
-        return SAMPLE_S16BIT_LE;
-    default:
-        return SAMPLE_UNKNOWN;
-    }
-}
 
 } // namespace
 
@@ -143,8 +117,8 @@ CMp3FilePlay::CMp3FilePlay(std::string name) : CAudioFilePlay(std::move(name))
 {
     AUDIO_TRACE_CALL();
     upstream.push_back(new CMp3FilePlayUSP(this));
-    mp3InBuf = newBuffer(mp3InBufSize);
-    mp3OutBuf = newBuffer(mp3OutBufSize); // no smaller than what the decoder is told
+    mp3InBuf = newMp3Buffer(mp3InBufSize);
+    mp3OutBuf = newMp3Buffer(mp3OutBufSize); // no smaller than what the decoder is told
 }
 
 CMp3FilePlay::~CMp3FilePlay()
@@ -296,10 +270,7 @@ streamStatus CMp3FilePlay::startDecoder()
         AUDIO_TRACE_PRINTF(5, "Could not create mpg123 handle: %d - %s\n", error, mpg123_plain_strerror(error));
         return STREAM_ERROR;
     }
-    // A setting that is refused leaves the decoder's own, which plays too.
-    (void)mpg123_param(mh, MPG123_VERBOSE, libraryVerbosity, 0.0);
-    (void)mpg123_format_all(mh);
-    (void)mpg123_param(mh, MPG123_OUTSCALE, outputScale, 0.0);
+    applyMp3Settings(mh);
     error = mpg123_open_feed(mh);
     if (error != MPG123_OK) {
         AUDIO_TRACE_PRINTF(5, "Could not open mpg123 feed: %d - %s\n", error, mpg123_plain_strerror(error));

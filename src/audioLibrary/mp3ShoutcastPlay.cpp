@@ -1,11 +1,12 @@
 #include "audioLibrary/mp3ShoutcastPlay.h"
 
+#include "audioLibrary/mp3Decoding.h"
+
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <mpg123.h>
-#include <new>
 #include <utility>
 
 namespace audioLibrarySpace
@@ -16,39 +17,12 @@ namespace
 
 constexpr uint32_t streamPeriodSize = 1024;    ///< frames; only a wish, the reader decides
 constexpr int32_t longestSilence = 2000000000; ///< ns that a top URL may take to say its first word
-constexpr long libraryVerbosity = 9;           ///< the decoder tells all that it has to say, on the error stream
-constexpr long outputScale = 32767;            ///< full scale of the output; the decoder's own would be 32768
 
 /**
  * Bytes of a reply that are looked at. A stream that is taken for a playlist sends for as long as it is read; the
  * playlist of a station has a few hundred bytes.
  */
 constexpr size_t maxReplyBytes = 65536;
-
-/** A zeroed buffer that is asked for in a constructor: without memory the block lives on, and plays nothing. */
-unsigned char* newBuffer(uint32_t numBytes)
-{
-    auto* buffer = new (std::nothrow) unsigned char[numBytes]();
-    if (buffer == nullptr) {
-        std::fputs("out of memory\n", stderr);
-    }
-    return buffer;
-}
-
-/** The format that an encoding of the decoder goes out as; SAMPLE_UNKNOWN for one that has none. */
-sampleFormat_e formatOfEncoding(int encoding)
-{
-    switch (encoding) {
-    case MPG123_ENC_SIGNED_8:
-    case MPG123_ENC_SIGNED | MPG123_ENC_8:
-        return SAMPLE_S8BIT;
-    case MPG123_ENC_SIGNED_16:
-    case MPG123_ENC_SIGNED | MPG123_ENC_16:
-        return SAMPLE_S16BIT_LE;
-    default:
-        return SAMPLE_UNKNOWN;
-    }
-}
 
 /** Whether the reply `text` holds the words of `header`. */
 bool has(const std::string& text, const char* header)
@@ -101,8 +75,8 @@ CMp3ShoutcastPlay::CMp3ShoutcastPlay(std::string name)
     MAX_US_PORTS = 1;
     fileStatus = FILE_OK;
     upstream.push_back(new CMp3ShoutcastPlayUSP(this));
-    mp3InBuf = newBuffer(mp3InBufSize);
-    mp3OutBuf = newBuffer(mp3OutBufSize); // no smaller than what the decoder is told
+    mp3InBuf = newMp3Buffer(mp3InBufSize);
+    mp3OutBuf = newMp3Buffer(mp3OutBufSize); // no smaller than what the decoder is told
 }
 
 CMp3ShoutcastPlay::~CMp3ShoutcastPlay()
@@ -555,10 +529,7 @@ streamStatus CMp3ShoutcastPlay::startDecoder()
     if (mh == nullptr) {
         return refuseDecoder("Could not create mpg123 handle: ");
     }
-    // A setting that is refused leaves the decoder's own, which plays too.
-    (void)mpg123_param(mh, MPG123_VERBOSE, libraryVerbosity, 0.0);
-    (void)mpg123_format_all(mh);
-    (void)mpg123_param(mh, MPG123_OUTSCALE, outputScale, 0.0);
+    applyMp3Settings(mh);
     mpg123Status = mpg123_open_feed(mh);
     if (mpg123Status != MPG123_OK) {
         return refuseDecoder("Could not open mpg123 feed: ");
