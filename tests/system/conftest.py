@@ -1,11 +1,29 @@
 """Fixtures of the system tests."""
 
+import contextlib
+import fcntl
+
 import pytest
 
 from daemonHarness import Daemon
 from station import Station
 from stationCard import StationCard
 from streamOnAir import OnAir
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "busy_core: its daemon keeps a core busy at real-time priority, while others are on air")
+
+
+@pytest.fixture(autouse=True)
+def core(request, tmp_path_factory):
+    """Lets one test at a time keep a core busy: two would leave the daemons of the others none, and silence on air."""
+    with contextlib.ExitStack() as held:
+        if request.node.get_closest_marker("busy_core"):
+            # Above it each worker of a run has a directory of its own.
+            lock = held.enter_context(open(tmp_path_factory.getbasetemp().parent / "busy_core.lock", "w"))
+            fcntl.flock(lock, fcntl.LOCK_EX)
+        yield
 
 
 @pytest.fixture

@@ -373,6 +373,7 @@ def live(station, url):
     (http_answer("audio/mpeg", b"x" * 99), None, None), (BAD_REQUEST, close, None),
     (BAD_REQUEST, "audio", padded(HEADER, 2043)), (BAD_REQUEST, "audio", padded(HEADER, 2044)),
 ], ids=["direct", "pls", "type", "closes", "2043 bytes", "2044 bytes"])
+@pytest.mark.busy_core
 def test_the_player_does_what_the_probe_has_said(station, audio, first, entry, header):
     station.boot()
     with server(station.daemon, first, streaming(audio, header) if entry == "audio" else entry):

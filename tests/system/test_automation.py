@@ -511,6 +511,7 @@ def test_text_that_ends_in_the_beginning_of_a_character(studio):
 # ---- uploads
 
 
+@pytest.mark.busy_core
 def test_long_upload_is_whole_and_the_audio_comes_back(station, record_property):
     """Each item is a write of its own, and the audio loop waits for all of them."""
     count = 10_000

@@ -5,6 +5,7 @@ import pathlib
 import sqlite3
 
 import numpy as np
+import pytest
 
 from daemonHarness import DEFAULT_TIMEOUT, HEARTBEAT_PORT, log_line
 
@@ -15,6 +16,7 @@ TOOL = BUILD / "tools" / "audioplayerctl" / "audioplayerctl"
 UNPLUGGED = r"^.*\(0\): -19 <<<<<<<<<<<<<<< Buffer Underrun >>>>>>>>>>>>>>>>>>>>>$"
 
 
+@pytest.mark.busy_core
 def test_an_unplugged_card_is_told_without_end_and_a_start_finds_it_when_it_is_back(station):
     station.boot()
     source = station.playlist("morning", [station.wav("a.wav")])

@@ -141,6 +141,7 @@ def reads_of(process):
         return int(re.search(r"^syscr: (\d+)$", io.read(), re.MULTILINE).group(1))
 
 
+@pytest.mark.busy_core
 def test_a_file_without_a_frame_holds_the_daemon_until_the_file_has_one(station):
     """The search for the first frame knows no end of the file: it reads there until the file has grown."""
     good = station.mp3("good.mp3", frames=40000)

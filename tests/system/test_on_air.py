@@ -302,6 +302,7 @@ def test_no_card_no_player(station):
     assert station.daemon.alive()
 
 
+@pytest.mark.busy_core
 def test_no_underrun_beside_a_busy_core(station):
     item = station.wav("item.wav", rate=44100, frames=200000)
     station.boot().on_air(station.playlist("one", [item]))

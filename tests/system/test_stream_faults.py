@@ -22,6 +22,7 @@ def pitch_on_air(air, seconds=3):
     return tone_frequency(air.station.recording()[-40960:, 0], 48000)
 
 
+@pytest.mark.busy_core
 def test_a_stream_without_a_list_that_ends_ends_the_player_until_the_next_start(station, on_air):
     play = stream(tone(station.directory), 1.0)
     air = on_air(answer=lambda peer: peer.send(SHOUTCAST_REFUSAL) if "://" in peer.request else play(peer), path="live.mp3")
@@ -31,6 +32,7 @@ def test_a_stream_without_a_list_that_ends_ends_the_player_until_the_next_start(
     assert air.server.requests == [f"{URL}live.mp3", "/live.mp3"] * 2
 
 
+@pytest.mark.busy_core
 def test_an_entry_that_the_server_refuses_is_passed_over_and_the_list_is_gone_through_once(station, on_air):
     audio = tone(station.directory)
     refusal = b"HTTP/1.0 404 File Not Found\r\n\r\nno such mount point"
@@ -43,6 +45,7 @@ def test_an_entry_that_the_server_refuses_is_passed_over_and_the_list_is_gone_th
     assert air.daemon.output().count("ERROR! Connection lost.") == 2
 
 
+@pytest.mark.busy_core
 def test_an_entry_whose_header_has_no_end_ends_the_player(station, on_air):
     def headerless(peer):
         peer.send(b"x" * 4096)

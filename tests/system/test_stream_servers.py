@@ -107,6 +107,7 @@ def test_icecast(station):
 
 
 @pytest.mark.parametrize("name", WEB_SERVERS)
+@pytest.mark.busy_core
 def test_web_server(station, name):
     audio = tone(station.directory)
     station.boot("-t", "2047")
