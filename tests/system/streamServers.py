@@ -411,6 +411,10 @@ _ICECAST = """<icecast>
 """
 
 
+# The order of the last two varies.
+_ICECAST_READY = ["server started", "YP update thread started", "No SSL capability on any configured ports"]
+
+
 class Icecast(RealServer):
     """Icecast 2 as Debian has it; `burst` bytes go to a listener at once (65535 in Debian's configuration)."""
 
@@ -430,6 +434,12 @@ class Icecast(RealServer):
         shutil.chown(self.directory, "nobody", "nogroup")
         self._sources = {}
         self.start(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--", "icecast2", "-c", config])
+        # It listens before it is ready, and a peer of these milliseconds can take it down.
+        daemon.wait_until(lambda: all(line in self._log() for line in _ICECAST_READY), what="icecast2 is ready")
+
+    def _log(self):
+        log = self.directory / "error.log"
+        return log.read_text() if log.exists() else ""
 
     def source(self, mount, audio, ppm=0.0):
         """A studio's encoder on this mount point; answers when the server has taken it."""
