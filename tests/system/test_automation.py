@@ -413,6 +413,24 @@ def test_peer_that_resets_with_answers_under_way_does_no_harm(studio):
     studio.check_air()
 
 
+def test_port_is_refused_after_a_restart_while_the_kernel_holds_a_peer_of_before(station):
+    daemon = station.boot().daemon
+    source = station.playlist("morning", [station.wav("a.wav")])
+    before = daemon.connect(AUTOMATION_PORT)
+    daemon.wait_output("New TCP connection")
+    daemon.kill()
+    daemon.mark()
+    station.boot()
+    daemon.wait_output(r"(?:Unable to bind TCP connection to port 8500 \(Address already in use\)\n[\s\S]*){3}")
+    with daemon.socket() as refused, pytest.raises(ConnectionRefusedError):
+        refused.connect(("127.0.0.1", AUTOMATION_PORT))
+    station.on_air(source)
+    # What a minute does, a reset of the old connection does at once.
+    before.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    before.close()
+    exchange(AutomationPeer(daemon.connect(AUTOMATION_PORT)), request("1") + b"\n", answer("1"))
+
+
 def test_peer_that_never_reads_loses_answers_and_holds_up_nothing(station):
     studio = Studio(station, tcp_wmem="4096 4096 4096").on_air()
     # The first fill all that there is between the two; those behind find room at times, or none.
