@@ -5,7 +5,8 @@ target_compile_options(playerFlags INTERFACE
   # log lines carry the file's name from src/ down, not the builder's path; the last match wins
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/src/=)
-target_compile_definitions(playerFlags INTERFACE _FILE_OFFSET_BITS=64)
+# A machine of 32 bits too has files above 2 GB, and times after January 2038.
+target_compile_definitions(playerFlags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_link_libraries(playerFlags INTERFACE Threads::Threads)
 if(AUDIOPLAYER_SANITIZE)
   target_compile_options(playerFlags INTERFACE -fsanitize=${AUDIOPLAYER_SANITIZE} -fno-sanitize-recover=all

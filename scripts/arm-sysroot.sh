@@ -20,7 +20,8 @@ apt_private=(-o APT::Architecture=armhf -o APT::Architectures=armhf -o "Dir::Sta
   -o Dir::Etc::sourceparts=/dev/null)
 apt-get "${apt_private[@]}" update -qq
 packages=(libasound2 libasound2-dev libsqlite3-0 libsqlite3-dev libmpg123-0 libmpg123-dev
-  libtinyxml2.6.2v5 libtinyxml-dev libmp3lame0 libmp3lame-dev)
+  libtinyxml2.6.2v5 libtinyxml-dev libmp3lame0 libmp3lame-dev libgtest-dev libgmock-dev
+  libcli11-dev nlohmann-json3-dev)
 cd "$state/debs"
 apt-get "${apt_private[@]}" download -qq "${packages[@]}"
 for package in *.deb; do dpkg -x "$package" "$sysroot"; done

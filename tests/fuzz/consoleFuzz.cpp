@@ -246,8 +246,8 @@ private:
         } else if (line.starts_with("sleep")) {
             sleep(line);
         } else if (line.starts_with("start")) {
-            if (const std::optional<__int128> number = numberBehind(line, "start")) {
-                const auto id = static_cast<int>(std::clamp<__int128>(*number, INT32_MIN, INT32_MAX));
+            if (const std::optional<int64_t> number = numberBehind(line, "start")) {
+                const auto id = static_cast<int>(std::clamp<int64_t>(*number, INT32_MIN, INT32_MAX));
                 expected.written += "Starting play list #" + std::to_string(id) + "\n";
                 expected.calls.push_back("source " + std::to_string(id));
             }
@@ -272,7 +272,7 @@ private:
     }
     void sleep(const std::string& line)
     {
-        const std::optional<__int128> number = numberBehind(line, "sleep");
+        const std::optional<int64_t> number = numberBehind(line, "sleep");
         if (!number) {
             expected.written += "Incorrect usage of sleep [n].\n";
             return;
@@ -283,9 +283,8 @@ private:
             return;
         }
         // As a machine of 32 bits: a minus wraps around, what is too large either way is the largest.
-        constexpr __int128 most = UINT32_MAX;
-        const __int128 wrapped = *number < -most || *number > most ? most : *number < 0 ? *number + most + 1 : *number;
-        const auto ms = static_cast<int64_t>(wrapped);
+        constexpr int64_t most = UINT32_MAX;
+        const int64_t ms = *number < -most || *number > most ? most : *number < 0 ? *number + most + 1 : *number;
         const int64_t nsec = ms % 1000 * 1000000 + machine.now.tv_nsec;
         untilSec = machine.now.tv_sec + ms / 1000 + nsec / 1000000000;
         untilNsec = static_cast<int32_t>(static_cast<uint32_t>(nsec + nsec % 1000000000));
@@ -293,7 +292,7 @@ private:
         expected.written += "Sleeping for " + std::to_string(ms) + " ms.\n";
     }
     /** The decimal number behind a word and any white space; cut at what is far beyond 32 bits. */
-    static std::optional<__int128> numberBehind(const std::string& line, const std::string& word)
+    static std::optional<int64_t> numberBehind(const std::string& line, const std::string& word)
     {
         if (!line.starts_with(word)) {
             return std::nullopt;
@@ -307,9 +306,10 @@ private:
         if (at >= line.size() || line[at] < '0' || line[at] > '9') {
             return std::nullopt;
         }
-        __int128 value = 0;
+        constexpr int64_t cut = int64_t{1} << 40;
+        int64_t value = 0;
         for (; at < line.size() && line[at] >= '0' && line[at] <= '9'; at++) {
-            value = std::min<__int128>(value * 10 + (line[at] - '0'), INT64_MAX);
+            value = std::min(value * 10 + (line[at] - '0'), cut);
         }
         return negative ? -value : value;
     }

@@ -156,8 +156,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fuzz::Input input(data, size);
     server = Server();
     server.choices = input.byte();
-    server.pieceBytes = input.integer(2) % 5000 + 1;
-    const size_t firstBytes = input.integer(2);
+    server.pieceBytes = static_cast<size_t>(input.integer(2) % 5000 + 1);
+    const auto firstBytes = static_cast<size_t>(input.integer(2));
     server.replies[0] = input.text(firstBytes);
     server.replies[1] = input.rest();
 

@@ -1,6 +1,6 @@
 # unit tests of the debug console
 player_unit_test(consoleTest SOURCES console/consoleTest.cpp ${PROJECT_SOURCE_DIR}/src/console/console.cpp LINK daemonShell)
-target_link_options(consoleTest PRIVATE -Wl,--wrap=clock_gettime)
+stand_in_for(consoleTest clock_gettime)
 
 # The player is the test's own, and so is the card.
 player_unit_test(consoleCommandsTest

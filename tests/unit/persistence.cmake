@@ -6,4 +6,4 @@ endforeach()
 player_unit_test(AsPlayedLogTest
   SOURCES AsPlayedLogTest.cpp persistenceSupport.cpp noDiskWait.cpp LINK persistence)
 # The clocks are set by the test, and the text log stays in the test's own directory.
-target_link_options(AsPlayedLogTest PRIVATE -Wl,--wrap=clock_gettime -Wl,--wrap=time -Wl,--wrap=fopen64)
+stand_in_for(AsPlayedLogTest clock_gettime time fopen64)

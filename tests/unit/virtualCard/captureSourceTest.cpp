@@ -29,7 +29,7 @@ std::string wavOf(const std::vector<int16_t>& left)
 template <typename Sample>
 std::vector<Sample> filled(const CaptureSource& source, uint64_t first, uint64_t frames, unsigned channels = 2)
 {
-    std::vector<Sample> samples(frames * channels);
+    std::vector<Sample> samples(static_cast<size_t>(frames * channels));
     source.fill(reinterpret_cast<char*>(samples.data()), first, frames, channels, sizeof(Sample), 48000.0);
     return samples;
 }

@@ -43,7 +43,7 @@ protected:
     /** Writes @p count frames numbered from where the last call ended. */
     void writeFrames(uint64_t count, int64_t nowNs)
     {
-        std::vector<int16_t> samples(count);
+        std::vector<int16_t> samples(static_cast<size_t>(count));
         for (int16_t& sample : samples)
             sample = next++;
         EXPECT_EQ(card->write(reinterpret_cast<char*>(samples.data()), count, nowNs), static_cast<int64_t>(count));
@@ -57,7 +57,7 @@ protected:
     }
     static std::vector<int16_t> counted(int16_t first, size_t count)
     {
-        std::vector<int16_t> samples(count);
+        std::vector<int16_t> samples(static_cast<size_t>(count));
         for (int16_t& sample : samples)
             sample = first++;
         return samples;

@@ -559,6 +559,7 @@ protected:
     void TearDown() override
     {
         systemCalls = {};
+        allocationsUntilRefusal = -1;
         osa_trace_level = 0;
         EXPECT_EQ(numDescriptors(), numDescriptorsBefore) << "a descriptor has leaked";
         OwnSocket first(SOCKTYPE_UDP_OUT);
