@@ -13,6 +13,7 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import virtualCard  # noqa: E402
+from station import wav_bytes  # noqa: E402
 from virtualCard import TOOLS, VirtualCards, module_directory  # noqa: E402
 
 PROBE = str(module_directory() / "cardProbe")
@@ -490,6 +491,20 @@ def test_measurement_finds_level_silence_and_underruns(cards):
     highest = numpy.abs(frames.astype(numpy.float64)).max() / 2 ** 31
     assert result["peakDb"][1] == pytest.approx(20 * numpy.log10(highest), abs=0.01)
     assert result["headerAgrees"]
+
+
+def test_measurement_tells_the_longest_silences_in_their_order(tmp_path):
+    silences = [30, 21, *range(40, 50), 22, 60]  # ms, of which the two shortest are left out
+    sound = numpy.full((480, 2), 1000, "<i2")
+    rows = [sound]
+    for ms in silences:
+        rows += [numpy.zeros((48 * ms, 2), "<i2"), sound]
+    (tmp_path / "a.wav").write_bytes(wav_bytes(numpy.concatenate(rows), 48000))
+    told = subprocess.run([str(TOOLS / "measureRecording.py"), "a.wav"], cwd=tmp_path, capture_output=True, text=True,
+                          check=True, timeout=TIMEOUT).stdout.splitlines()
+    assert told[2] == "  silences: 14, 0.578 s in all; the longest 12:"
+    assert [line.split(" for ")[1] for line in told[3:]] == [f"0.{ms:03} s" for ms in silences if ms not in (21, 22)]
+    assert told[3] == "    at 0.010 s (frame 480) for 0.030 s"
 
 
 def test_script_sets_the_run_up(cards, tmp_path):

@@ -4,7 +4,8 @@
   measureRecording.py FILE.wav [--log LOG] [--json] [--silence-db -80] [--silence-ms 20]
 
 A silence is a stretch in which every channel stays below the threshold for at least the given time. With the card's
-log the underruns, gaps and the true rate of that very recording are added. The file may still be growing.
+log the underruns, gaps and the true rate of that very recording are added. The file may still be growing. Of many
+silences the longest are told, and all of them with --json.
 """
 import argparse
 import json
@@ -15,6 +16,7 @@ import sys
 import numpy
 
 BLOCK_FRAMES = 1 << 20
+REPORTED_SILENCES = 12  # in words, and all of them with --json
 
 
 def read_header(stream):
@@ -175,8 +177,11 @@ def print_report(result):
     print(f"{result['file']}: {result['seconds']:.3f} s, {result['frames']} frames, {result['rateHz']} Hz, "
           f"{result['channels']} channels, {result['bits']} bits")
     print(f"  peak {result['peakDb']} dB, rms {result['rmsDb']} dB, biggest step {result['biggestStep']}")
-    print(f"  silences: {len(result['silences'])}, {result['silentSeconds']:.3f} s in all")
-    for silence in result["silences"]:
+    silences = result["silences"]
+    shown = sorted(sorted(silences, key=lambda each: -each["frames"])[:REPORTED_SILENCES], key=lambda each: each["frame"])
+    print(f"  silences: {len(silences)}, {result['silentSeconds']:.3f} s in all"
+          + (f"; the longest {len(shown)}:" if len(shown) < len(silences) else ""))
+    for silence in shown:
         print(f"    at {silence['at']:.3f} s (frame {silence['frame']}) for {silence['seconds']:.3f} s")
     if "underruns" in result:
         print(f"  underruns: {len(result['underruns'])}, gaps {result['gapFrames']} frames, "
