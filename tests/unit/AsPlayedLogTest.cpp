@@ -494,6 +494,16 @@ TEST_P(AsPlayedTimes, WrittenRows)
 INSTANTIATE_TEST_SUITE_P(Rule, AsPlayedTimes, testing::ValuesIn(clockCases()),
                          [](const testing::TestParamInfo<ClockCase>& tested) { return tested.param.name; });
 
+TEST_F(AsPlayedLog, SecondsAreStoredAsThirtyTwoSignedBits)
+{
+    for (const time_t sec : {time_t{2147483647}, time_t{2147483648}}) { // January 19, 2038, 03:14:07 and a second later
+        realTime = {sec, 0};
+        add(10);
+        log->writeToDb();
+    }
+    EXPECT_THAT(rowsOf(db, TIMES), ElementsAre("2147483647|0", "-2147483648|0"));
+}
+
 TEST_F(AsPlayedLog, RowsSortInTheOrderOfWritingWhenTheClockIsSetBack)
 {
     for (int item = 10; item < 20; ++item) {
@@ -835,6 +845,17 @@ TEST_F(AsPlayedLog, NumbersBeyondAnyTimeAreReportedAll32BitsOfThem)
     answerTo("<Parameters/>");
     // February 7, 2106, 06:28:15
     EXPECT_THAT(reportedTimes(), ElementsAre("06:28:15 2106 4294967.296ms"));
+}
+
+TEST_F(AsPlayedLog, AmongThemselvesTheTimesAfterThirtyTwoSignedBitsAreInOrder)
+{
+    for (const int sec : {0, 1, 2}) {
+        realTime = {time_t{2147483648} + sec, 0}; // January 19, 2038, 03:14:08
+        add(10);
+        log->writeToDb();
+    }
+    answerTo("<Parameters/>");
+    EXPECT_THAT(reportedTimes(), ElementsAre("03:14:08 2038 000.000ms", "03:14:09 2038 000.000ms"));
 }
 
 // ---- what a request reports
