@@ -34,7 +34,7 @@ enum asPlayedLogStatus_e : int {
     AS_PLAYED_LOG_STATUS_STARTED = 1,
 };
 
-constexpr int AS_PLAYED_LOG_TX_STATUS = 100; ///< status of the transmit side; all entries carry it
+inline constexpr int AS_PLAYED_LOG_TX_STATUS = 100; ///< status of the transmit side; all entries carry it
 
 /** One entry; the log owns it once it has been added. */
 class asPlayedLogEntry

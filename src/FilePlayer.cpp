@@ -129,7 +129,7 @@ streamStatus FilePlayer::createAudioBlocks()
         return sstatus;
     }
     alsaSource = new CALSASource("ALSA_SOURCE", cardChannels, cardSampleRate, cardPeriods, cardPeriodSize,
-                                 SAMPLE_S32BIT_LE, cardDevice);
+                                 cardSampleFormat, cardDevice);
     sstatus = alsaSource->init();
     if (sstatus != STREAM_OK) {
         LogEvent(LOG_DEBUG, "%s %d: FilePlayer::createAudioBlocks failed to initialize ALSA source", __FILE__,

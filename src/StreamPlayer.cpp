@@ -98,7 +98,7 @@ streamStatus StreamPlayer::createAudioBlocks()
         return sstatus;
     }
     alsaSource = new CALSASource("ALSA_SOURCE", cardChannels, cardSampleRate, cardPeriods, cardPeriodSize,
-                                 SAMPLE_S32BIT_LE, cardDevice);
+                                 cardSampleFormat, cardDevice);
     sstatus = alsaSource->init();
     if (sstatus != STREAM_OK) {
         return sstatus;
