@@ -59,7 +59,10 @@ protected:
     audioLibrarySpace::streamStatus createSourceChain();
     /** The source chain, then the player chain of the derived class. */
     audioLibrarySpace::streamStatus createChains();
-    /** Puts the source block at the head of the player chain and connects it. */
+    /**
+     * Puts the source block at the head of the player chain and connects the chain. The step that fails is logged and
+     * its status answered; the chain stays as far as it got.
+     */
     audioLibrarySpace::streamStatus connectPlayerBlock();
     /**
      * The common course of the derived constructors, which are the only callers: PLAYER_READY; PLAYER_NOT_INITIALIZED

@@ -2,7 +2,7 @@
 
 /**
  * The vocabulary of the audio graph: status codes, run-time identifiers, playback states, sample formats and the
- * record in which two ports negotiate a stream's shape. Plain values; no behaviour, no state.
+ * record in which two ports negotiate a stream's shape, and the conversions of numbers that all share. No state.
  */
 
 #include <cstdint>
@@ -163,7 +163,7 @@ uint32_t saturatingToUnsigned(double value); ///< the same for a double
 int32_t saturatingToInt(float value);        ///< the same, signed
 int32_t saturatingToInt(double value);       ///< the same for a double
 
-/** strtol() in base 10 with the range of the target's 32-bit `long`, on every machine. `text` is not null. Any thread. */
+/** strtol() in base 10 with the range of the target's 32-bit `long`, on every machine; null ends the process. Any thread. */
 int32_t saturatingDecimal(const char* text);
 
 } // namespace audioLibrarySpace

@@ -1,6 +1,7 @@
 #include "audioLibrary/mp3Decoding.h"
 
 #include <cstdio>
+#include <mpg123.h>
 #include <new>
 
 namespace audioLibrarySpace
@@ -23,7 +24,7 @@ unsigned char* newMp3Buffer(uint32_t numBytes)
     return buffer;
 }
 
-void applyMp3Settings(mpg123_handle* mh)
+void applyMp3Settings(mpg123_handle_struct* mh)
 {
     (void)mpg123_param(mh, MPG123_VERBOSE, libraryVerbosity, 0.0);
     (void)mpg123_format_all(mh);

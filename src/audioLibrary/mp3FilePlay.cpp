@@ -2,7 +2,6 @@
 
 #include "audioLibrary/mp3Decoding.h"
 
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <mpg123.h>
