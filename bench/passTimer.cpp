@@ -59,7 +59,9 @@ void count(Page& page, uint64_t passNs)
 extern "C" int select(int numDescriptors, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout)
 {
     using Select = int (*)(int, fd_set*, fd_set*, fd_set*, timeval*);
-    static const Select wait = reinterpret_cast<Select>(dlsym(RTLD_NEXT, "select"));
+    // Where a long has 32 bits, the call with the longer time has a name of its own.
+    constexpr const char* name = sizeof(time_t) > sizeof(long) ? "__select64" : "select";
+    static const Select wait = reinterpret_cast<Select>(dlsym(RTLD_NEXT, name));
     static Page* const page = openPage();
     thread_local uint64_t lastEnd = 0;
     if (page != nullptr && lastEnd != 0)

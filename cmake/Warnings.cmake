@@ -5,7 +5,7 @@ target_compile_options(playerFlags INTERFACE
   # log lines carry the file's name from src/ down, not the builder's path; the last match wins
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/src/=)
-# A machine of 32 bits too has files above 2 GB, and times after January 2038.
+# On a machine of 32 bits too: files above 2 GB, and clocks and dates after January 2038.
 target_compile_definitions(playerFlags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_link_libraries(playerFlags INTERFACE Threads::Threads)
 if(AUDIOPLAYER_SANITIZE)

@@ -87,7 +87,9 @@ extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept
 {
-    static const auto host = next<int (*)(clockid_t, timespec*)>("clock_gettime");
+    // Where a long has 32 bits, the call with the longer time has a name of its own.
+    constexpr const char* name = sizeof(time_t) > sizeof(long) ? "__clock_gettime64" : "clock_gettime";
+    static const auto host = next<int (*)(clockid_t, timespec*)>(name);
     const int64_t told = clock == CLOCK_REALTIME && page() != nullptr ? page()->clockNs.load() : 0;
     if (told == 0)
         return host(clock, now);

@@ -20,7 +20,7 @@ def core(request, tmp_path_factory):
     """Lets one test at a time keep a core busy: two would leave the daemons of the others none, and silence on air."""
     with contextlib.ExitStack() as held:
         if request.node.get_closest_marker("busy_core"):
-            # Above it each worker of a run has a directory of its own.
+            # The workers of a run share the directory above their own.
             lock = held.enter_context(open(tmp_path_factory.getbasetemp().parent / "busy_core.lock", "w"))
             fcntl.flock(lock, fcntl.LOCK_EX)
         yield

@@ -54,7 +54,11 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
         time->tv_nsec = static_cast<long>(now % SECOND_NS);
         return 0;
     }
+#ifdef SYS_clock_gettime64 // where the other has times of 32 bits
+    return static_cast<int>(syscall(SYS_clock_gettime64, clock, time));
+#else
     return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+#endif
 }
 
 namespace
