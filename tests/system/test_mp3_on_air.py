@@ -28,14 +28,14 @@ def items_on_air(station, paths, number=-1):
     return playoutModel.explain(station.recording(number), [str(path) for path in paths], FILTER)
 
 
-def played_paths(daemon):
-    return re.findall(r"(?:Wav|Mp3)FilePlayer: (.*)$", daemon.log(), re.MULTILINE)
+def played_paths(text):
+    return re.findall(r"(?:Wav|Mp3)FilePlayer: (.*)$", text, re.MULTILINE)
 
 
 def play_until(station, files, walk):
     """Plays a playlist of `files` until those of `walk` have been opened and the last of them is on air."""
     station.boot().on_air(station.playlist("files", files))
-    station.daemon.wait_until(lambda: played_paths(station.daemon)[: len(walk)] == [str(path) for path in walk], 60,
+    station.daemon.wait_until(lambda: played_paths(station.daemon.log())[: len(walk)] == [str(path) for path in walk], 60,
                               f"{len(walk)} items opened")
     station.wait_frames(station.card.frames() + RING)
     station.daemon.kill()
@@ -122,10 +122,10 @@ def test_a_missing_mp3_is_passed_over_and_leaves_no_as_played_row(station):
     missing_wav, missing_mp3 = station.directory / "missing.wav", station.directory / "missing.mp3"
     station.boot()
     station.on_air(station.playlist("forms", [missing_mp3, missing_wav, good]))
-    text = station.daemon.log()
+    text = station.daemon.log().split("Active chain started\n")[0]  # the walk goes on behind it
     assert f"Cannot create MP3 player for {missing_mp3}\n" in text
     assert f"Cannot create WAV player for {missing_wav}\n" in text
-    assert played_paths(station.daemon) == [str(good)]
+    assert played_paths(text) == [str(good)]
     station.wait_frames(RING)
     station.daemon.kill()
     items_on_air(station, [good] * 4)
