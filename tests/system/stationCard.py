@@ -50,6 +50,10 @@ class StationCard:
         """No forgiveness for stolen time: every late write underruns."""
         self.page.set_forgive_ms(0)
 
+    def forgiving(self):
+        """As it is made: time that the machine stole from the program is forgiven."""
+        self.page.set_forgive_ms(None)
+
     def set_ppm(self, ppm):
         self.page.set_ppm(ppm)
 

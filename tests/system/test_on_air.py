@@ -258,26 +258,28 @@ def test_the_usb_marker_is_looked_at_once_for_each_start(station):
 
 def test_a_stopped_process_underruns_and_goes_on_with_the_same_frames(station):
     """The card is starved for half a second: the underrun is told, and nothing of the audio is lost."""
-    item = station.wav("item.wav", frames=60000)
-    station.card.strict()
+    item = station.wav("item.wav", seconds=20)
     station.daemon.env["VCARD_GAP"] = "none"
     station.boot().on_air(station.playlist("one", [item]))
     station.wait_frames(30000)
+    station.card.strict()
     station.daemon.process.send_signal(signal.SIGSTOP)
     station.daemon.wait_until(station.card.starved, what="the card has run empty")
     station.daemon.process.send_signal(signal.SIGCONT)
     station.daemon.wait_output(r"-32 <<<<<<<<<<<<<<< Buffer Underrun >>>>>>>>>>>>>>>>>>>>>$")
-    station.wait_frames(70000)
+    station.card.forgiving()
+    station.wait_frames(station.card.frames() + 30000)
     station.daemon.kill()
     assert station.card.underruns() == 1
     recording = station.recording()
     playout = playoutModel.Playout(FILTER)
-    due = np.concatenate([np.zeros((RING // 2, 2), dtype=np.int32), playout.next_file(str(item)).frames])[:60000]
-    broken = int(np.flatnonzero(np.any(recording[:60000] != due, axis=1))[0])
+    due = np.concatenate([np.zeros((RING // 2, 2), dtype=np.int32), playout.next_file(str(item)).frames])[: len(recording)]
+    broken = int(np.flatnonzero(np.any(recording != due, axis=1))[0])
     # The write was cut short within a period, which counts as not taken and is sent once more from its start.
     station.daemon.wait_output(rf"ERROR! Transferred \d+ frames to the buffer. PS: {PERIOD}$")
     again = broken % PERIOD
-    assert np.array_equal(recording[broken:60000], due[broken - again : 60000 - again])
+    assert len(recording) > broken + 20000
+    assert np.array_equal(recording[broken:], due[broken - again : len(recording) - again])
 
 
 def test_a_file_is_not_steered(station):
