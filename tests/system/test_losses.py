@@ -111,11 +111,12 @@ def test_files_that_are_gone_are_tried_until_they_are_back(station):
 
 def test_files_that_are_gone_at_the_first_change_leave_a_test_tone_until_the_next_start(station):
     station.boot()
-    file = station.wav("a.wav", seconds=0.3)
+    file = station.wav("a.wav", seconds=6)  # gone long before the first change, however slow the machine
     source = station.playlist("morning", [file])
     station.on_air(source)
     away = file.rename(file.with_suffix(".away"))
     station.daemon.wait_log("Could not create player - tried every entry in playlist$")
+    assert station.daemon.log().count(f"WavFilePlayer: {file}\n") == 1
     away.rename(file)
     station.wait_frames(station.card.frames() + 192000)
     heard = station.recording()[-144000:, 0].astype(float)
