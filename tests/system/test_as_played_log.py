@@ -23,7 +23,7 @@ START_ITEM, LOG_TRIMMED = 0, 5
 KEPT, TRIMMED_FROM = 10_000, 12_000
 
 PERIOD = 8192  # frames; a file of one period is on air for a sixth of a second
-SHORT, LONG = PERIOD - 255, 5 * 48000
+SHORT, LONG = PERIOD - 255, 20 * 48000  # one that ends within a test, one that does not
 
 COLUMNS = ("log_time_sec, log_time_usec, playlist_assoc_id, playlist_id, playlist_item_id, entry_type, player_status, "
            "tx_status, desc")
