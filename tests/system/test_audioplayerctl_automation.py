@@ -264,7 +264,7 @@ def response(number, status=b"success", inner=b""):
 def test_no_answer_half_an_answer_and_a_lost_seat_have_their_own_words(daemon):
     *_, err = serve(daemon, lambda number: b"", "play", "m", "--timeout", "0.1", expect=NO_ANSWER)
     assert "the player did not answer in time" in err
-    *_, err = serve(daemon, lambda number: response(number)[:70], "as-played", "--timeout", "0.1", expect=NO_ANSWER)
+    *_, err = serve(daemon, lambda number: response(number)[:70], "as-played", "--timeout", "3", expect=NO_ANSWER)
     assert "the answer stopped in its midst: it was too long for the connection" in err
     *_, err = serve(daemon, lambda number: None, "play", "m", expect=SEAT_TAKEN)
     assert "the player closed the connection: another peer took the seat, or the player ended" in err
