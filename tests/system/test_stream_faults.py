@@ -1,6 +1,7 @@
 """What the daemon on air makes of a stream that ends, that is refused, that sends garbage or changes its format."""
 
 import re
+import threading
 
 import numpy as np
 import pytest
@@ -58,9 +59,10 @@ def test_an_entry_whose_header_has_no_end_ends_the_player(station, on_air):
 
 def test_a_server_that_takes_the_connection_and_says_nothing_is_waited_for_without_end(station, on_air):
     play = stream(tone(station.directory))
+    begin = threading.Event()
 
     def late(peer):
-        peer.pause(4)
+        peer.wait(begin)
         play(peer)
 
     air = on_air(stream(tone(station.directory), 1.0), late)
@@ -70,8 +72,9 @@ def test_a_server_that_takes_the_connection_and_says_nothing_is_waited_for_witho
         return air.daemon.output().count("Read playlist item headers.")
 
     before = looks()
-    air.daemon.wait_until(lambda: looks() > before + 200, 10, "200 looks at the silent server")
+    air.daemon.wait_until(lambda: looks() > before + 200, what="200 looks at the silent server")
     air.wait_silent()
+    begin.set()
     air.wait_heard()
 
 

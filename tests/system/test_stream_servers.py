@@ -136,7 +136,7 @@ def test_icecast_streams_of_every_shape_are_found_by_their_silence_and_keep_thei
             server.source("live.mp3", audio)
             before = len(station.daemon.output())
             assert plays(station, server.url("live.mp3"))
-            assert DIRECT.search(station.daemon.output()[before:]), station.daemon.output()[before:]
+            station.daemon.wait_until(lambda: DIRECT.search(station.daemon.output()[before:]), what="the steps")
             station.wait_frames(station.card.frames() + 43200)
             heard_last = station.recording()[-32768:].astype(float)
             # 375 ppm of it are for a card that is taken for one of 47982 Hz.

@@ -160,6 +160,7 @@ def test_a_stop_silences_the_stream_and_hangs_up_and_a_start_brings_it_back(stat
         station.daemon.wait_until(hung_up.is_set, what="the server's connection closed")
         station.daemon.mark()
         station.daemon.start_source(source)
+        station.daemon.wait_log(r"\d StreamPlayer::start$", 30)  # until then the card shows what it was closed with
         station.daemon.wait_until(lambda: heard(station.card), 30, "sound on the card")
         station.wait_frames(station.card.frames() + CARD_RATE)
         station.daemon.kill()
