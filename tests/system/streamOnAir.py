@@ -6,6 +6,7 @@
 """
 
 import re
+import threading
 
 from daemonHarness import log_line
 from streamServers import HEADER, ScriptedServer, heard, http_answer, pls
@@ -29,14 +30,15 @@ class Listing:
 
 
 def stream(audio, *steps):
-    """An entry that sends the header and plays; `steps` are seconds to play, or functions called with the peer."""
+    """An entry that sends the header and plays; `steps` are seconds to play, once the test has heard what it waits for
+    at the start, or functions called with the peer."""
     def entry(peer):
         peer.send(HEADER)
         for step in steps or (None,):
             if callable(step):
                 step(peer)
             else:
-                peer.play(audio, step)
+                peer.play(audio, step, after=peer.server.noticed)
     return entry
 
 
@@ -46,16 +48,19 @@ class OnAir:
     def __init__(self, station, *entries, answer=None, path="list.pls"):
         self.station, self.daemon = station, station.daemon
         self.server = ScriptedServer(self.daemon, answer or Listing(*entries))
+        self.server.noticed = threading.Event()
         self.station.boot("-t", "2047")
         self.source = self.station.stream("Stream", URL + path)
         self.start()
 
     def start(self):
         self.daemon.mark()
+        self.server.noticed.clear()
         self.daemon.start_source(self.source)
         self.daemon.wait_log(r"\d StreamPlayer::start$")
         self.wait_heard()
         self.daemon.mark()
+        self.server.noticed.set()
 
     def wait_heard(self):
         self.daemon.wait_until(lambda: heard(self.station.card), what="sound on the card")

@@ -170,7 +170,7 @@ class Peer:
     """One connection of a ScriptedServer. `request` is the request line's middle: "/live.mp3" or a whole URL."""
 
     def __init__(self, server, sock, number):
-        self._server, self._sock = server, sock
+        self.server, self._sock = server, sock
         self.number = number  # counts connections, from 0
         self.frame = 0        # the next frame of play()
         self.head = b""
@@ -202,11 +202,15 @@ class Peer:
             except OSError:
                 raise Gone from None
 
-    def play(self, audio, seconds=None, ppm=0.0, ahead_seconds=0.5):
-        """Sends frames at real time; `ahead_seconds` of them at once, as servers do. Without `seconds`, until it ends."""
+    def play(self, audio, seconds=None, ppm=0.0, ahead_seconds=0.5, after=None):
+        """Sends frames at real time; `ahead_seconds` of them at once, as servers do. Without `seconds`, until it ends;
+        with an event `after`, for so many seconds when that has come."""
         clock, first = FrameClock(audio, ppm, ahead_seconds), self.frame
-        last = None if seconds is None else first + round((seconds + ahead_seconds) / audio.seconds_per_frame)
+        count = None if seconds is None else round((seconds + ahead_seconds) / audio.seconds_per_frame)
+        last = None if count is None or after is not None else first + count
         while last is None or self.frame < last:
+            if last is None and count is not None and after.is_set():
+                last = self.frame + count
             due = first + clock.due()
             due = due if last is None else min(due, last)
             if due > self.frame:
@@ -222,7 +226,7 @@ class Peer:
             left = deadline - time.monotonic()
             if left <= 0:
                 return
-            if self._server.ending.wait(min(left, TICK_SECONDS)):
+            if self.server.ending.wait(min(left, TICK_SECONDS)):
                 raise Gone
 
     def wait(self, event):
@@ -248,7 +252,7 @@ class Peer:
         self._sock.close()
 
     def _check(self):
-        if self._server.ending.is_set():
+        if self.server.ending.is_set():
             raise Gone
         try:
             if select.select([self._sock], [], [], 0)[0] and not self._sock.recv(1, socket.MSG_PEEK):
