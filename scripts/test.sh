@@ -43,7 +43,7 @@ if [ "$system" = yes ]; then
   scratch=$results/system
   if [ -w /dev/shm ]; then scratch=$(mktemp -d /dev/shm/audioplayer-tests.XXXXXX); fi
   trap 'rm -rf "$results" "$scratch"' EXIT
-  AUDIOPLAYER_BUILD=$PWD/build/release /usr/bin/python3 -B -m pytest -q -n "$((jobs + 1))" --dist loadfile \
+  AUDIOPLAYER_BUILD=$PWD/build/release /usr/bin/python3 -B -m pytest -q -n "$((jobs * 2))" --dist loadfile \
     -p no:cacheprovider --basetemp "$scratch/tests" --junitxml "$results/system.xml" tests/system || failed=yes
 fi
 
